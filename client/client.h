@@ -1,0 +1,215 @@
+// What an application sees of the driver: a machine with the driver loaded and an interface
+// attached, the filter that the driver publishes, its pins, and a stream through one of them.
+// No kernel type appears here.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace kelvane::client {
+
+// A request that the driver or the class driver refused.
+class StatusError : public std::runtime_error {
+public:
+    StatusError(const std::string& what, std::uint32_t status);
+    std::uint32_t status() const { return m_status; } // an NTSTATUS
+
+private:
+    std::uint32_t m_status;
+};
+
+// "STATUS_NO_MATCH" and the like; hexadecimal when it has no name here.
+std::string statusName(std::uint32_t status);
+
+// What a person named can't be used: a file, a dump, a model, an option. The text says what and why.
+class InputError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+enum class Clock { Virtual, Real };
+
+struct SystemOptions {
+    std::string device = "stereo-out";           // a built-in model, or the path of a descriptor dump
+    std::optional<std::uint16_t> asVendor;       // present the device under this vendor ID
+    double ppm = 0.0;                            // the device's sample clock against bus time
+    std::string outputFile;                      // where the device's converter writes; may be empty
+    std::optional<std::uint32_t> transferFrames; // "UrbSize" in the driver's key, 1 ms frames
+    std::optional<std::uint32_t> savedRate;      // "SampleRate" in the driver's key, Hz
+    std::uint32_t completionDelay = 0;           // microframes from a transfer's last packet on
+    std::uint32_t completionJitter = 0;          // 0 to this many more, from a fixed seed
+    Clock clock = Clock::Virtual;
+    std::function<void(const std::string&)> trace;    // one line of trace, formatted
+    std::function<void(const std::string&)> breaches; // a broken kernel rule; empty: abort
+};
+
+struct ModelInfo {
+    std::string name;
+    std::string text; // one line on what it is
+};
+std::vector<ModelInfo> builtInModels();
+
+// One range of formats that a pin takes.
+struct FormatRange {
+    std::string specifier; // "WAVEFORMATEX", "DSOUND", "none", or a GUID
+    std::string subformat; // "PCM", "ANALOG", "MIDI_BUS", or a GUID
+    std::uint32_t maximumChannels = 0;
+    std::uint32_t minimumBits = 0, maximumBits = 0;
+    std::uint32_t minimumRate = 0, maximumRate = 0; // Hz
+};
+
+struct PinInfo {
+    std::uint32_t id = 0;
+    bool intoFilter = false;   // data flow: true = render, or a bridge that takes the input jack
+    std::string communication; // "sink", "none", "bridge", ...
+    std::string category;      // names as the platform's headers have them, or a GUID
+    std::string name;
+    std::uint32_t instancesPossible = 0; // 0xFFFFFFFF: no limit
+    std::vector<FormatRange> formats;
+};
+
+struct NodeInfo {
+    std::uint32_t id = 0;
+    std::string type; // "DAC", "ADC", or a GUID
+};
+
+// From (node, pin) to (node, pin); a node of -1 is the filter itself.
+struct ConnectionInfo {
+    std::int64_t fromNode = -1;
+    std::uint32_t fromPin = 0;
+    std::int64_t toNode = -1;
+    std::uint32_t toPin = 0;
+};
+
+struct EndpointInfo {
+    std::uint8_t address = 0;
+    std::string kind; // "isochronous data", "isochronous feedback", "interrupt", "bulk", ...
+    std::uint32_t maximumPacketSize = 0;
+    std::uint32_t interval = 0;
+};
+
+struct InterfaceInfo {
+    std::uint32_t number = 0;
+    std::uint32_t chosenSetting = 0; // the last setting other than 0 that the driver selected
+    std::string what;                // "AudioControl", "AudioStreaming", "MIDIStreaming", "DFU", ...
+    std::vector<EndpointInfo> endpoints; // of the chosen setting
+};
+
+struct ClockInfo {
+    std::uint8_t id = 0;
+    std::string name;
+    std::string type;                 // "Internal programmable Clock" and the like
+    std::vector<std::uint32_t> rates; // Hz
+    std::uint32_t rate = 0;           // Hz, now
+};
+
+struct FilterInfo {
+    std::string friendlyName;
+    std::string symbolicLink;
+    std::vector<std::string> categories;
+    std::vector<PinInfo> pins;
+    std::vector<NodeInfo> nodes;
+    std::vector<ConnectionInfo> connections;
+    std::vector<InterfaceInfo> interfaces;
+    std::vector<ClockInfo> clocks;
+};
+
+struct PcmFormat {
+    std::uint32_t rate = 48000; // Hz
+    std::uint16_t channels = 2;
+    std::uint16_t bits = 16;            // valid bits, left-justified in the container
+    std::uint16_t bytesPerSample = 2;   // the container
+    std::uint32_t frameBytes() const { return std::uint32_t{channels} * bytesPerSample; }
+};
+
+// Completions by how many 1 ms frames late they came; the last bucket holds 19 and more.
+struct LatencyStatistics {
+    std::uint32_t completions = 0;
+    std::array<std::uint32_t, 20> buckets{};
+};
+
+// A render pin in use: opened with its format, and closed with the object.
+class RenderStream {
+public:
+    ~RenderStream();
+    RenderStream(RenderStream&&) noexcept;
+
+    // The class driver's steps: stop, acquire, pause, run.
+    void acquire();
+    void pause();
+    void run();
+    void stop();
+
+    // The largest buffer the pin asks for, in bytes: one transfer's worth of audio.
+    std::uint32_t bufferBytes() const;
+    // Queues a copy of `frames` (whole sample frames). Returns at once.
+    void write(std::span<const std::byte> frames);
+    // Waits, in the machine's time, until at most `left` queued buffers remain. False on time-out.
+    bool waitForQueue(std::size_t left, std::uint32_t milliseconds);
+    std::size_t queued() const;
+    std::uint64_t bytesPlayed() const; // the pin's position
+    LatencyStatistics latency() const;
+
+private:
+    friend class System;
+    struct Parts;
+    explicit RenderStream(std::unique_ptr<Parts> parts);
+    std::unique_ptr<Parts> m_parts;
+};
+
+// What went over the bus, counted by the host controller.
+struct BusCounters {
+    std::uint64_t transfers = 0; // isochronous, completed
+    std::uint64_t packets = 0;
+    std::uint64_t bytes = 0;
+    std::uint64_t errors = 0; // packets that failed
+};
+
+// What the interface's converter did.
+struct DeviceCounters {
+    std::uint64_t framesReceived = 0; // sample frames that came in packets
+    std::uint64_t framesPlayed = 0;   // sample frames that its sample clock took
+    std::uint64_t underruns = 0;      // sample clocks with nothing to play, once playing
+    std::uint64_t overruns = 0;       // sample frames dropped because its buffer was full
+    double measuredRate = 0.0;        // Hz, frames played over bus time
+};
+
+// A machine, the driver on it, and one interface on its bus.
+class System {
+public:
+    // Loads the driver and attaches the interface. Throws InputError for a bad option, model or
+    // dump, StatusError when the driver refuses the device.
+    explicit System(const SystemOptions& options);
+    ~System(); // detaches, unloads, proves that nothing is left
+    System(const System&) = delete;
+    System& operator=(const System&) = delete;
+
+    FilterInfo describe();
+    // The filter's first render pin, opened. Throws StatusError when no pin takes the format.
+    RenderStream openRender(const PcmFormat& format);
+    void sleep(std::uint32_t milliseconds); // in the machine's time
+    double seconds() const;                 // the machine's time since it was made
+
+    std::uint32_t transferFrames() const; // in force, 1 ms frames
+    std::vector<std::uint32_t> rates();   // that the interface's clock offers, Hz
+    BusCounters busCounters() const;
+    DeviceCounters deviceCounters() const;
+    std::vector<std::string> warnings() const; // trace lines that tell of trouble, in order
+    std::uint64_t poolAllocations() const;     // since the machine was made
+
+    // Closes the device's output file. Throws InputError when it couldn't be written.
+    void finishDeviceOutput();
+
+private:
+    struct Parts;
+    std::unique_ptr<Parts> m_parts;
+};
+
+} // namespace kelvane::client

@@ -1,0 +1,77 @@
+// A machine: one simulated computer that a kernel driver runs on.
+//
+// It owns the clock, the pool, the registry, the trace, the rules and whatever the other rooms of
+// the platform add (class driver, buses). The kernel's free functions act on the current machine;
+// there is at most one at a time in a process. The thread that makes it is its first thread and
+// runs at PASSIVE_LEVEL. The destructor proves that nothing is left: no pool block, no object, no
+// IRP in flight, no thread.
+#pragma once
+
+#include "platform/nt/kernel.h"
+
+#include "platform/nt/pool.h"
+#include "platform/nt/registry.h"
+#include "platform/nt/rules.h"
+#include "platform/nt/scheduler.h"
+#include "platform/nt/trace.h"
+
+#include <functional>
+#include <memory>
+#include <typeindex>
+#include <vector>
+
+namespace kelvane::nt {
+
+struct MachineOptions {
+    ClockKind clock = ClockKind::Virtual;
+    TraceSink trace;        // every trace line; may be empty
+    BreachHandler breaches; // every broken rule; when empty, the report goes to stderr and aborts
+};
+
+// A part of the machine that another room adds, for example the class driver or a bus.
+class Service {
+public:
+    virtual ~Service() = default;
+};
+
+class Machine {
+public:
+    explicit Machine(MachineOptions options = {});
+    ~Machine();
+    Machine(const Machine&) = delete;
+    Machine& operator=(const Machine&) = delete;
+
+    // The machine that the kernel's free functions act on.
+    static Machine& current();
+
+    Scheduler& scheduler();
+    Pool& pool();
+    Registry& registry();
+    Trace& trace();
+    Rules& rules();
+
+    // The one T of this machine, made on first use with T(Machine&). Services are destroyed in the
+    // reverse order of their making, before the machine checks what is left.
+    template <class T>
+    T& service();
+
+private:
+    struct Parts;
+    Service* find(std::type_index type) const;
+    void add(std::type_index type, std::unique_ptr<Service> service);
+
+    std::unique_ptr<Parts> m_parts;
+};
+
+template <class T>
+T& Machine::service() {
+    if (Service* found = find(typeid(T))) {
+        return static_cast<T&>(*found);
+    }
+    auto made = std::make_unique<T>(*this);
+    T& reference = *made;
+    add(typeid(T), std::move(made));
+    return reference;
+}
+
+} // namespace kelvane::nt
