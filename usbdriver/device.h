@@ -1,0 +1,101 @@
+// One USB audio interface, from the day the bus announces it to the day it is gone.
+//
+// Everything runs at PASSIVE_LEVEL, serialised by the class driver's plug-and-play, pin-state and
+// property paths; the counts need no lock for that reason.
+#pragma once
+
+#include "usbdriver/usblib/usbdevice.h"
+#include "usbdriver/util.h"
+
+class AudioControlInterface;
+class FilterDescriptor;
+class UsbAudioStream;
+class UsbAudioStreamClient;
+
+constexpr ULONG kDefaultUrbSize = 10; // frames of 1 ms
+constexpr ULONG kMaxUrbSizeMin = 10;
+
+class UsbAudioDevice final : public PoolObject {
+public:
+    explicit UsbAudioDevice(PKSDEVICE device);
+    ~UsbAudioDevice();
+    UsbAudioDevice(const UsbAudioDevice&) = delete;
+    UsbAudioDevice& operator=(const UsbAudioDevice&) = delete;
+
+    virtual UCHAR GetFlag() const { return m_Flag; }
+    virtual void SetFlag(UCHAR flag) { m_Flag = flag; }
+
+    // The device context of a kernel streaming device.
+    static UsbAudioDevice* FromKsDevice(PKSDEVICE device) {
+        return static_cast<UsbAudioDevice*>(device->Context);
+    }
+
+    // Life.
+    NTSTATUS PostStart(); // opens the device, builds what it offers, publishes the filter
+    void SurpriseRemoval();
+    void Remove();
+
+    // Sample rate. All pins of the device run at one rate.
+    // 0xC0000708 while a pin holds the rate.
+    NTSTATUS SetHardwareSampleRate(ULONG rate);
+    // Moves the clock to `rate` if nobody holds another; true when the lock is taken.
+    bool LockSampleRate(ULONG rate);
+    void UnlockSampleRate();
+    ULONG SampleRate() const { return m_SampleRate; } // Hz
+    ULONG LockedSampleRate() const { return m_SampleRateLocks > 0 ? m_SampleRate : 0; }
+
+    // Streams: both run from the first running pin of either to the last.
+    void StreamStart(UsbAudioStreamClient* pin, UsbAudioStream* stream);
+    void StreamStop(UsbAudioStreamClient* pin, UsbAudioStream* stream);
+
+    // Transfer size of both streams, in frames of 1 ms.
+    NTSTATUS SetUrbSize(ULONG size);
+    ULONG UrbSize() const { return m_UrbSize; }
+    ULONG UrbSizeMin() const { return m_UrbSizeMin; }
+
+    // Raises an event on every filter of the device.
+    void GenerateKsFilterEvents(const GUID& set, ULONG id, ULONG size, void* data);
+    // An interrupt data message came from the AudioControl interface.
+    void ClockSourceStatusChanged(void* message, ULONG size);
+
+    CUsbDevice* UsbDevice() { return &m_UsbDev; }
+    // Null when there is none.
+    AudioControlInterface* AudioControl() const { return m_AudioControlInterface; }
+    UsbAudioStream* GetAudioStream(bool input) const {
+        return m_AudioStreams[input ? kInput : kOutput];
+    }
+
+private:
+    enum Direction { kInput, kOutput, kDirections };
+
+    void OpenRegistryKey();
+    NTSTATUS ReadSetting(const WCHAR* name, ULONG* value) const;
+    void WriteSetting(const WCHAR* name, ULONG value) const;
+
+    bool IsInDfuMode() const;
+    NTSTATUS StartAudio();
+    NTSTATUS Enumerate();
+    void CreateAudioControl(ULONG index);
+    void CreateAudioStream(ULONG index);
+    void RegisterStream(UsbAudioStream* stream);
+    void PrimeClock(NTSTATUS enumerateStatus);
+    ULONG RestoreSampleRate(ULONG deviceRate);
+    void MeasureUrbSizeMin();
+    void PublishFilter(const WCHAR* productString);
+
+    template <class Operation>
+    void ForEachStream(Operation operation);
+
+    PKSDEVICE m_KsDevice;
+    CUsbDevice m_UsbDev;
+    UsbAudioStream* m_AudioStreams[kDirections] = {}; // owned
+    ULONG m_SampleRate = 48000;                       // Hz
+    ULONG m_SampleRateLocks = 0;
+    HANDLE m_RegistryKey = nullptr; // the driver key; query access only, so that writes are refused
+    ULONG m_UrbSize = kDefaultUrbSize;
+    ULONG m_UrbSizeMin = kMaxUrbSizeMin;
+    FilterDescriptor* m_FilterDescriptor = nullptr;           // owned; paged
+    AudioControlInterface* m_AudioControlInterface = nullptr; // owned
+    ULONG m_RunningStreams = 0;                               // running audio pins
+    UCHAR m_Flag = 0;
+};
