@@ -62,6 +62,11 @@ static_assert(sizeof(wchar_t) == 2, "compile with -fshort-wchar: the kernel's WC
 #undef __stdcall
 #define __stdcall __attribute__((ms_abi))
 
+// On x86-64 a fastcall routine has the one calling convention that every routine has.
+#include <ntdef.h>
+#undef FASTCALL
+#define FASTCALL __attribute__((ms_abi))
+
 // Intrinsics that the headers' inline routines use. CR8 holds the IRQL of the current simulated
 // processor: platform/nt implements the two accessors, and through them KeGetCurrentIrql,
 // KeRaiseIrql and KeLowerIrql.

@@ -22,3 +22,25 @@ extern "C" { // the USB headers leave the linkage to their includer
 
 #undef min
 #undef max
+
+// On Windows these three read a page that the kernel maps into every process at a fixed address.
+#undef KeQuerySystemTime
+#undef KeQueryInterruptTime
+#undef KeQueryTickCount
+
+extern "C" {
+VOID NTAPI KeQuerySystemTime(PLARGE_INTEGER CurrentTime);
+ULONGLONG NTAPI KeQueryInterruptTime(VOID);
+VOID NTAPI KeQueryTickCount(PLARGE_INTEGER TickCount);
+
+// What applications reach through the system's own libraries and drivers seldom need.
+NTSTATUS NTAPI ZwWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout);
+NTSTATUS NTAPI ZwCreateEvent(PHANDLE EventHandle, ACCESS_MASK DesiredAccess,
+                             POBJECT_ATTRIBUTES ObjectAttributes, EVENT_TYPE EventType,
+                             BOOLEAN InitialState);
+NTSTATUS NTAPI ZwSetEvent(HANDLE EventHandle, PLONG PreviousState);
+NTSTATUS NTAPI ZwClearEvent(HANDLE EventHandle);
+// Cancels every request that was sent through the file and waits for their ends.
+NTSTATUS NTAPI ZwCancelIoFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock);
+HANDLE NTAPI PsGetCurrentThreadId(VOID);
+}

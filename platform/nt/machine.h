@@ -22,6 +22,12 @@
 
 namespace kelvane::nt {
 
+class Dispatcher;
+class IrpTable;
+class ObjectManager;
+class Plug;
+class WorkQueue;
+
 struct MachineOptions {
     ClockKind clock = ClockKind::Virtual;
     TraceSink trace;        // every trace line; may be empty
@@ -41,8 +47,10 @@ public:
     Machine(const Machine&) = delete;
     Machine& operator=(const Machine&) = delete;
 
-    // The machine that the kernel's free functions act on.
+    // The machine that the kernel's free functions act on. Aborts with a message when there is
+    // none.
     static Machine& current();
+    static Machine* currentOrNull();
 
     Scheduler& scheduler();
     Pool& pool();
@@ -55,10 +63,18 @@ public:
     template <class T>
     T& service();
 
+    // The rest serves the kernel's own files.
+    Dispatcher& dispatcher();
+    IrpTable& irps();
+    ObjectManager& objects();
+    Plug& plug();
+    WorkQueue& workQueue();
+
 private:
     struct Parts;
     Service* find(std::type_index type) const;
     void add(std::type_index type, std::unique_ptr<Service> service);
+    void reportLeftOvers();
 
     std::unique_ptr<Parts> m_parts;
 };
