@@ -15,12 +15,15 @@
 #ifndef TCHAR
 #define TCHAR WCHAR
 #endif
+#define NOBITMAP // no pictures: only the audio formats are wanted
+#include <mmreg.h>
 #include <ks.h>
 #include <ksmedia.h>
 extern "C" { // the USB headers leave the linkage to their includer
 #include <usb.h>
 #include <usbdlib.h>
 #include <usbbusif.h>
+#include <usbioctl.h>
 }
 // clang-format on
 
