@@ -5,7 +5,6 @@
 #include "usbdriver/kernel.h"
 
 #include <cstddef>
-#include <source_location>
 #include <span>
 
 // A pool tag from its characters in memory order.
@@ -41,9 +40,9 @@ void ReportAssertion(const char* expression, const char* file, ULONG line);
     ((expression) ? static_cast<void>(0) : ReportAssertion(#expression, __FILE__, __LINE__))
 
 // Traces and asserts when called above APC_LEVEL, where pageable code may not run.
-void CheckPageable(std::source_location where = std::source_location::current());
+void CheckPageable(const char* file = __builtin_FILE(), ULONG line = __builtin_LINE());
 // Traces and asserts when the current IRQL is not `level`.
-void CheckIrql(KIRQL level, std::source_location where = std::source_location::current());
+void CheckIrql(KIRQL level, const char* file = __builtin_FILE(), ULONG line = __builtin_LINE());
 
 // --- Memory -------------------------------------------------------------------------------------
 

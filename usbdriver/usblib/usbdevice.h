@@ -77,12 +77,15 @@ public:
 private:
     NTSTATUS ReadDescriptors();
     NTSTATUS GetConfigurationDescriptor(UCHAR index);
+    NTSTATUS ReadTotalLength(UCHAR index, USHORT* totalLength);
     NTSTATUS CheckConfigurationDescriptor() const;
     void LimitIsochronousIntervals();
     NTSTATUS SelectConfiguration();
     NTSTATUS BuildInterfaceList(PoolBuffer& list) const;
-    NTSTATUS SendSelectConfiguration(PURB urb);
     NTSTATUS TakeInterfaces(const URB* urb);
+    NTSTATUS SendSelectInterface(_URB_SELECT_INTERFACE* urb, UCHAR index, UCHAR setting,
+                                 CUsbInterface* target);
+    bool IsInConfiguration(const USB_COMMON_DESCRIPTOR* descriptor) const;
     void ObtainBusInterface();
     NTSTATUS QueryBusInterface(const GUID& type, USHORT version, USHORT size, PVOID destination);
 

@@ -1,0 +1,122 @@
+#include "usbdriver/util.h"
+
+#include <utility>
+
+void TraceError(const char* function, int line, const char* condition) {
+    DbgPrint("ERROR in %s() line %d - %s \n", function, line, condition);
+}
+
+void TraceError(const char* function, int line, const char* condition, NTSTATUS status) {
+    DbgPrint("ERROR in %s() line %d - %s (NTSTATUS was 0x%08x)\n", function, line, condition,
+             status);
+}
+
+void TraceFailed(const char* function, const char* call, NTSTATUS status) {
+    DbgPrint("%s() ERROR: %s failed (%x)\n", function, call, status);
+}
+
+void TraceEntry(const char* function) {
+    DbgPrint("%s()\n", function);
+}
+
+void ReportAssertion(const char* expression, const char* file, ULONG line) {
+    RtlAssert(const_cast<char*>(expression), const_cast<char*>(file), line, nullptr);
+}
+
+void CheckPageable(const char* file, ULONG line) {
+    const KIRQL irql = KeGetCurrentIrql();
+    if (irql > APC_LEVEL) {
+        DbgPrint("EX: Pageable code called at IRQL %d\n", irql);
+        ReportAssertion("FALSE", file, line);
+    }
+}
+
+void CheckIrql(KIRQL level, const char* file, ULONG line) {
+    const KIRQL irql = KeGetCurrentIrql();
+    if (irql != level) {
+        DbgPrint("EX: ASSERT_IRQL(%d) FAILED (Current IRQL = %d)\n", level, irql);
+        ReportAssertion("FALSE", file, line);
+    }
+}
+
+void* PoolObject::operator new(std::size_t bytes, POOL_TYPE pool) noexcept {
+    void* const object = ExAllocatePoolWithTag(pool, bytes, kObjectTag);
+    if (object != nullptr) {
+        RtlZeroMemory(object, bytes);
+    }
+    return object;
+}
+
+void PoolObject::operator delete(void* object) noexcept {
+    if (object != nullptr) {
+        ExFreePool(object);
+    }
+}
+
+void PoolObject::operator delete(void* object, POOL_TYPE) noexcept {
+    operator delete(object);
+}
+
+bool PoolBuffer::Allocate(POOL_TYPE pool, std::size_t bytes) {
+    Free();
+    m_Data = static_cast<UCHAR*>(ExAllocatePoolWithTag(pool, bytes, kBufferTag));
+    if (m_Data == nullptr) {
+        return false;
+    }
+    m_Size = bytes;
+    RtlZeroMemory(m_Data, bytes);
+    return true;
+}
+
+void PoolBuffer::Free() {
+    if (m_Data != nullptr) {
+        ExFreePool(m_Data);
+    }
+    m_Data = nullptr;
+    m_Size = 0;
+}
+
+void PoolBuffer::Take(PoolBuffer& other) {
+    if (this == &other) {
+        return;
+    }
+    Free();
+    m_Data = std::exchange(other.m_Data, nullptr);
+    m_Size = std::exchange(other.m_Size, 0);
+}
+
+SpinLockHolder::SpinLockHolder(PKSPIN_LOCK lock) : m_Lock(lock) {
+    DriverAssert(KeGetCurrentIrql() == DISPATCH_LEVEL);
+    KeAcquireSpinLockAtDpcLevel(m_Lock);
+}
+
+SpinLockHolder::~SpinLockHolder() {
+    KeReleaseSpinLockFromDpcLevel(m_Lock);
+}
+
+PendingIrps::PendingIrps(volatile LONG* busyOwners) : m_BusyOwners(busyOwners) {
+    KeInitializeEvent(&m_AllCompleted, NotificationEvent, TRUE);
+}
+
+void PendingIrps::CountIn() {
+    if (InterlockedIncrement(&m_Count) == 1) {
+        KeClearEvent(&m_AllCompleted);
+        if (m_BusyOwners != nullptr) {
+            InterlockedIncrement(m_BusyOwners);
+        }
+    }
+}
+
+void PendingIrps::CountOut() {
+    volatile LONG* const busyOwners = m_BusyOwners;
+    if (InterlockedDecrement(&m_Count) == 0) {
+        if (busyOwners != nullptr) {
+            InterlockedDecrement(busyOwners);
+        }
+        KeSetEvent(&m_AllCompleted, IO_NO_INCREMENT, FALSE);
+    }
+}
+
+void PendingIrps::Wait() {
+    KeWaitForSingleObject(&m_AllCompleted, Executive, KernelMode, FALSE, nullptr);
+}
