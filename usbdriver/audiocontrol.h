@@ -61,7 +61,7 @@ public:
     ULONG getClockSourceIndex() const { return ULONG{m_ClockSourceIndex} - 1; } // ~0: unknown
 
     // Sampling frequency of the clock source in use, in Hz.
-    NTSTATUS setSampleRate(ULONG rate);
+    NTSTATUS setSampleRate(ULONG sampleRate);
     NTSTATUS getSampleRate(ULONG* rate);
 
     // Supported sampling frequencies, in Hz; only discrete ones.
@@ -94,8 +94,8 @@ public:
 
 private:
     bool ParseDescriptors();
-    void ParseClassDescriptor(const USB_COMMON_DESCRIPTOR* descriptor);
-    void AddClockSource(const USB_COMMON_DESCRIPTOR* descriptor);
+    void ParseClassDescriptor(const USB_COMMON_DESCRIPTOR* descriptor, ULONG& clockSources);
+    void AddClockSource(const USB_COMMON_DESCRIPTOR* descriptor, ULONG& clockSources);
     void TakeClockSelector(const USB_COMMON_DESCRIPTOR* descriptor);
     void FindInterruptPipe();
     void ReadSelectedClock();
@@ -124,6 +124,5 @@ private:
     UCHAR m_ClockSourceIndex = 0;                 // the selector's input pin, from 1; 0: unknown
     UCHAR _clockSelectorID = 0;                   // entity ID; 0: none
     ULONG _sampleRates[kMaxSampleRates] = {};     // Hz, in the device's order; 0: empty
-    ULONG m_ClockSourceCount = 0;                 // descriptors met, also those not stored
     KSCLOCK_SOURCE_INFO _clockSources[kMaxClockSources] = {};
 };

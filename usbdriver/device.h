@@ -7,6 +7,8 @@
 #include "usbdriver/usblib/usbdevice.h"
 #include "usbdriver/util.h"
 
+#include <initializer_list>
+
 class AudioControlInterface;
 class FilterDescriptor;
 class UsbAudioStream;
@@ -62,34 +64,41 @@ public:
     // Null when there is none.
     AudioControlInterface* AudioControl() const { return m_AudioControlInterface; }
     UsbAudioStream* GetAudioStream(bool input) const {
-        return m_AudioStreams[input ? kInput : kOutput];
+        return input ? m_AudioStream_In : m_AudioStream_Out;
     }
 
 private:
-    enum Direction { kInput, kOutput, kDirections };
-
     void OpenRegistryKey();
     NTSTATUS ReadSetting(const WCHAR* name, ULONG* value) const;
     void WriteSetting(const WCHAR* name, ULONG value) const;
 
+    NTSTATUS ReadProductString(WCHAR* text, ULONG size);
     bool IsInDfuMode() const;
     NTSTATUS StartAudio();
     NTSTATUS Enumerate();
     void CreateAudioControl(ULONG index);
     void CreateAudioStream(ULONG index);
     void RegisterStream(UsbAudioStream* stream);
-    void PrimeClock(NTSTATUS enumerateStatus);
+    void PrimeClock(NTSTATUS enumerated);
     ULONG RestoreSampleRate(ULONG deviceRate);
     void MeasureUrbSizeMin();
     void PublishFilter(const WCHAR* productString);
 
+    // Input first.
     template <class Operation>
-    void ForEachStream(Operation operation);
+    void ForEachStream(Operation operation) {
+        for (UsbAudioStream* const stream : {m_AudioStream_In, m_AudioStream_Out}) {
+            if (stream != nullptr) {
+                operation(stream);
+            }
+        }
+    }
 
     PKSDEVICE m_KsDevice;
     CUsbDevice m_UsbDev;
-    UsbAudioStream* m_AudioStreams[kDirections] = {}; // owned
-    ULONG m_SampleRate = 48000;                       // Hz
+    UsbAudioStream* m_AudioStream_In = nullptr;  // owned
+    UsbAudioStream* m_AudioStream_Out = nullptr; // owned
+    ULONG m_SampleRate = 48000;                  // Hz
     ULONG m_SampleRateLocks = 0;
     HANDLE m_RegistryKey = nullptr; // the driver key; query access only, so that writes are refused
     ULONG m_UrbSize = kDefaultUrbSize;

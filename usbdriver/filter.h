@@ -16,8 +16,8 @@ public:
     FilterDescriptor(const FilterDescriptor&) = delete;
     FilterDescriptor& operator=(const FilterDescriptor&) = delete;
 
-    // A streaming pin, its bridge pin, the converter node between them. STATUS_NO_MORE_ENTRIES, and
-    // nothing added, when the descriptor is full.
+    // A streaming pin, its bridge pin, the converter node between them. Adds nothing, and returns
+    // STATUS_INSUFFICIENT_RESOURCES, when the descriptor is full.
     NTSTATUS AddAudioPins(bool input);
     void SetSampleRateRange(ULONG lowest, ULONG highest); // Hz, of all audio data ranges
     void SetMaximumChannels(bool input, ULONG channels);
@@ -27,12 +27,14 @@ public:
 private:
     // The WAVEFORMATEX and the DSOUND range of one direction.
     struct AudioRanges {
-        KSDATARANGE_AUDIO ranges[2];
-        PKSDATARANGE list[2];
-        void Fill();
+        static constexpr ULONG kCount = 2;
+        AudioRanges();
+        void SetSampleRates(ULONG lowest, ULONG highest);
+        KSDATARANGE_AUDIO ranges[kCount];
+        PKSDATARANGE list[kCount];
     };
 
-    KSFILTER_DESCRIPTOR m_Descriptor;
+    KSFILTER_DESCRIPTOR m_Descriptor = {}; // its pointers lead into this object
     KSAUTOMATION_TABLE m_AutomationTable;
     KSPIN_DESCRIPTOR_EX m_Pins[kMaxFilterPins] = {};
     KSNODE_DESCRIPTOR m_Nodes[kMaxFilterNodes] = {};
@@ -41,6 +43,6 @@ private:
     AudioRanges m_RenderRanges;
 };
 
-// Names the factory's device interface: writes "FriendlyName" to its key. `name` is terminated
-// within 130 characters. PASSIVE_LEVEL.
+// Names the factory's device interface: writes "FriendlyName" to its key. STATUS_INVALID_PARAMETER
+// when `name` is empty or longer than 129 characters. PASSIVE_LEVEL.
 NTSTATUS SetFriendlyName(PKSFILTERFACTORY factory, const WCHAR* name);

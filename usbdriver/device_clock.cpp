@@ -1,0 +1,130 @@
+// What the streams of a device share: one sample rate, one transfer size, one start and stop, and
+// the events that tell applications of changes.
+#include "usbdriver/device.h"
+
+#include "usbdriver/audiocontrol.h"
+#include "usbdriver/audstream.h"
+#include "usbdriver/guids.h"
+
+namespace {
+
+constexpr NTSTATUS kSampleRateIsLocked = static_cast<NTSTATUS>(0xC0000708);
+
+} // namespace
+
+// --- Sample rate --------------------------------------------------------------------------------
+
+NTSTATUS UsbAudioDevice::SetHardwareSampleRate(ULONG rate) {
+    constexpr char kFunction[] = "UsbAudioDevice::SetHardwareSampleRate";
+    if (m_SampleRateLocks != 0) {
+        return kSampleRateIsLocked;
+    }
+    if (m_AudioControlInterface == nullptr) {
+        return STATUS_DEVICE_NOT_READY;
+    }
+    NTSTATUS status = m_AudioControlInterface->setSampleRate(rate);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    // When a stream refuses, the clock has moved already and m_SampleRate has not; that is
+    // accepted.
+    if (UsbAudioStream* const input = GetAudioStream(true)) {
+        status = input->SetSampleRate(rate, true);
+        if (!NT_SUCCESS(status)) {
+            TraceError(kFunction, 659, "(status = m_AudioStream_In->SetSampleRate(value, true))",
+                       status);
+            return status;
+        }
+    }
+    if (UsbAudioStream* const output = GetAudioStream(false)) {
+        status = output->SetSampleRate(rate, true);
+        if (!NT_SUCCESS(status)) {
+            TraceError(kFunction, 662, "(status = m_AudioStream_Out->SetSampleRate(value, true))",
+                       status);
+            return status;
+        }
+    }
+    m_SampleRate = rate;
+    WriteSetting(L"SampleRate", m_SampleRate);
+    GenerateKsFilterEvents(KSEVENTSETID_Kelvane, kEventSampleRate, sizeof(m_SampleRate),
+                           &m_SampleRate);
+    return status;
+}
+
+bool UsbAudioDevice::LockSampleRate(ULONG rate) {
+    if (m_SampleRate != rate && !NT_SUCCESS(SetHardwareSampleRate(rate))) {
+        return false;
+    }
+    ++m_SampleRateLocks;
+    return true;
+}
+
+void UsbAudioDevice::UnlockSampleRate() {
+    if (m_SampleRateLocks == 0) {
+        DbgPrint("UsbAudioDevice::UnlockSampleRate() called too many times!\n");
+        return;
+    }
+    --m_SampleRateLocks;
+}
+
+// --- Streams ------------------------------------------------------------------------------------
+
+void UsbAudioDevice::StreamStart(UsbAudioStreamClient* pin, UsbAudioStream* stream) {
+    stream->AddClient(pin);
+    if (++m_RunningStreams == 1) {
+        ForEachStream([](UsbAudioStream* each) { each->StreamingSetup(); });
+        ForEachStream([](UsbAudioStream* each) { each->StartStreaming(); });
+    }
+}
+
+void UsbAudioDevice::StreamStop(UsbAudioStreamClient* pin, UsbAudioStream* stream) {
+    stream->RemoveClient(pin);
+    if (--m_RunningStreams == 0) {
+        ForEachStream([](UsbAudioStream* each) { each->StopStreaming(); });
+        ForEachStream([](UsbAudioStream* each) { each->StreamingCleanup(); });
+    }
+}
+
+// --- Transfer size ------------------------------------------------------------------------------
+
+NTSTATUS UsbAudioDevice::SetUrbSize(ULONG size) {
+    if (size == m_UrbSize) {
+        return STATUS_SUCCESS;
+    }
+    if (size < m_UrbSizeMin) {
+        DbgPrint("%s() value %d too small for this system (m_UrbSizeMin = %d)\n",
+                 "UsbAudioDevice::SetUrbSize", size, m_UrbSizeMin);
+        return STATUS_INVALID_PARAMETER;
+    }
+    m_UrbSize = size;
+    KsAcquireDevice(m_KsDevice);
+    ForEachStream([](UsbAudioStream* stream) { stream->Pause(); });
+    ForEachStream([](UsbAudioStream* stream) { stream->StreamingCleanup(); });
+    ForEachStream([this](UsbAudioStream* stream) { stream->SetUrbSize(m_UrbSize); });
+    GenerateKsFilterEvents(KSEVENTSETID_Kelvane, kEventUrbSize, sizeof(m_UrbSize), &m_UrbSize);
+    ForEachStream([](UsbAudioStream* stream) { stream->StreamingSetup(); });
+    ForEachStream([](UsbAudioStream* stream) { stream->Resume(); });
+    KsReleaseDevice(m_KsDevice);
+    WriteSetting(L"UrbSize", m_UrbSize);
+    return STATUS_SUCCESS;
+}
+
+// --- Events -------------------------------------------------------------------------------------
+
+void UsbAudioDevice::GenerateKsFilterEvents(const GUID& set, ULONG id, ULONG size, void* data) {
+    CheckIrql(PASSIVE_LEVEL);
+    const PKSFILTERFACTORY factory = KsDeviceGetFirstChildFilterFactory(m_KsDevice);
+    if (factory == nullptr) {
+        DbgPrint("%s() Error: KsDeviceGetFirstChildFilterFactory() returned NULL\n",
+                 "UsbAudioDevice::GenerateKsFilterEvents");
+        return;
+    }
+    PKSFILTER filter = KsFilterFactoryGetFirstChildFilter(factory);
+    for (; filter != nullptr; filter = KsFilterGetNextSiblingFilter(filter)) {
+        KsFilterGenerateEvents(filter, &set, id, size, data, nullptr, nullptr);
+    }
+}
+
+void UsbAudioDevice::ClockSourceStatusChanged(void* message, ULONG size) {
+    GenerateKsFilterEvents(KSEVENTSETID_Kelvane, kEventClockSourceStatus, size, message);
+}
