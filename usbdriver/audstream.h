@@ -134,15 +134,14 @@ private:
     };
     static constexpr ReadPosition kNowhere = {0xFEEEFEEE, 0xFEEEFEEE};
 
-    enum class Moved { Some, NothingLeft, Failed };
-
     // Descriptors.
-    StreamSetting ReadSetting(const USB_INTERFACE_DESCRIPTOR* descriptor, ULONG rate);
+    StreamSetting ReadSetting(const USB_INTERFACE_DESCRIPTOR* interfaceDescriptor, ULONG rate);
+    void ReadEndpoint(const USB_COMMON_DESCRIPTOR* descriptor, StreamSetting& setting) const;
     void ReadClassDescriptor(const USB_COMMON_DESCRIPTOR* descriptor, ULONG rate,
                              StreamSetting& setting);
     void ReadAsGeneral(const USB_COMMON_DESCRIPTOR* descriptor, StreamSetting& setting);
     void ReadFormatType(const USB_COMMON_DESCRIPTOR* descriptor, ULONG rate,
-                        StreamSetting& setting);
+                        StreamSetting& setting) const;
     void Choose(const StreamSetting& setting);
 
     // Set-up.
@@ -151,16 +150,18 @@ private:
     NTSTATUS BuildTransfers();
     NTSTATUS BuildFeedbackRequest();
     CUsbPipe* FindPipe(UCHAR endpointAddress) const;
+    LONG TestPipeLatency(const CUsbPipe* audioPipe) const;
 
     // Transfers.
-    ULONG FirstStartFrame() const;
+    ULONG TakeStartFrame();
+    void ResetStatistics();
     NTSTATUS SubmitAudioUrb(CIsocUrb* isocUrb, ULONG startFrame);
     NTSTATUS SubmitIsocUrb(CIsocUrb* isocUrb, CUsbPipe* pipe);
     static NTSTATUS NTAPI IrpCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID Context);
     void Completed(CIsocUrb* urb, PIRP irp);
     void TransferCompleted(CIsocUrb* urb);
     void CheckTransferStatus(CIsocUrb* urb);
-    void CountLateness(ULONG lateness);
+    void CountCompletion(ULONG lateness);
     ULONG QueryBusTime() const { return m_Interface->GetDevice()->QueryBusTime(); }
 
     // Feedback.
@@ -170,13 +171,14 @@ private:
     static void NTAPI DispatchFeedbackUrbTimerDpc(PKDPC dpc, PVOID DeferredContext, PVOID, PVOID);
 
     // Recovery from a bus error.
+    void PrepareRecovery();
     void TriggerErrorRecovery();
     static void NTAPI InterruptErrorRecoveryWorkItem(PDEVICE_OBJECT device, PVOID context);
     void RecoverPipe();
     void WaitForRecovery();
 
     // Samples.
-    Moved ReadFromPacket(UCHAR*& clientData, ULONG& clientBytes, const WAVEFORMATEX& format);
+    ULONG ReadFromPacket(UCHAR* clientData, ULONG clientBytes, const WAVEFORMATEX& format);
 
     // What the descriptors say. Written at PASSIVE_LEVEL while no transfer is in flight.
     CUsbInterface* m_Interface = nullptr; // not owned
@@ -188,7 +190,8 @@ private:
     const AsGeneralDescriptor* _asGeneralDescriptor = nullptr; // the last one met
 
     // The transfers. Written at PASSIVE_LEVEL while none is in flight.
-    PoolBuffer m_DataBuffer; // cut into one slice per transfer
+    PoolBuffer m_DataBuffer;    // cut into one slice per transfer
+    ULONG m_DataBufferSize = 0; // bytes
     CIsocUrb m_urp[kNumUrbs];
     CUsbPipe* m_Pipe = nullptr;         // of the selected setting; null: not set up
     CUsbPipe* m_FeedbackPipe = nullptr; // null: none
@@ -217,7 +220,14 @@ private:
     KTIMER m_FeedbackTimer; // never armed: feedback is asked for once per start
     KDPC m_FeedbackDpc;
 
+    // Recovery from a bus error: a completion queues it, its work item ends it.
     PIO_WORKITEM m_RecoveryWorkItem = nullptr; // from the first start on
-    volatile LONG m_RecoveryQueued = 0; // interlocked: 1 from queueing to the end of its work
-    KEVENT m_RecoveryIdle;              // signalled while m_RecoveryQueued is 0
+    volatile LONG m_RecoveryQueued = 0;        // interlocked; 1 from queueing to its end
+    PendingIrps m_Recovery;                    // the same, to wait for
+
+    // Shared by all streams of all devices, so that their transfers lie on one grid of frames.
+    // The count is interlocked. The frame is read and written when a stream starts, with no lock;
+    // it means nothing while the count is 0, so neither needs to be reset.
+    static volatile LONG s_ActiveStreams; // that have requests in flight
+    static Shared<ULONG> s_NextStartFrame;
 };

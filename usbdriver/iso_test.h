@@ -32,12 +32,11 @@ public:
 private:
     bool AllocateTransfers(CCHAR stackSize);
     void PrepareTransfer(ULONG index);
-    void CheckSilence(const char* function) const;
+    void CheckSilence(const char* complaint) const;
     NTSTATUS Send(ULONG index, const char* function);
     ULONG QueryBusTime(const char* function) const;
     static NTSTATUS NTAPI completionRoutine(PDEVICE_OBJECT device, PIRP irp, PVOID context);
     void Completed(PIRP irp);
-    bool Measure(PIRP irp, ULONG completionFrame, LONGLONG counterFrequency);
 
     struct _URB_ISOCH_TRANSFER* Urb(ULONG index) const {
         return _urbs[index].As<struct _URB_ISOCH_TRANSFER>();
@@ -52,6 +51,7 @@ private:
     PendingIrps m_PendingIrps;
     PoolBuffer m_Buffer; // zeros, which all transfers share
     bool m_Allocated = false;
+    ULONG m_ReservedCounter = 0;
     LONGLONG m_CounterFrequency = 0;      // of the performance counter, Hz
     ULONG m_CompletionIndex = 0;          // the transfer that the next completion is taken to be
     ULONG m_PacketsPerTransfer;           // of one bus frame

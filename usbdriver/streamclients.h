@@ -32,6 +32,8 @@ public:
     void Remove(const UsbAudioStreamClient* client);
     // The index-th client, free slots not counted; null when there are fewer.
     UsbAudioStreamClient* Get(ULONG index);
+    // How often Add succeeded less how often Remove was called.
+    LONG Count();
 
     // Calls `visit(client, slot)` for each client in order of slots. DISPATCH_LEVEL.
     template <class Visit>
@@ -46,6 +48,8 @@ public:
 
 private:
     UsbAudioStreamClient** Slots() const { return m_Slots.As<UsbAudioStreamClient*>(); }
+    // With the lock held.
+    void Grow(PoolBuffer& larger, ULONG numSlots);
     bool AddToFreeSlot(UsbAudioStreamClient* client);
 
     KSPIN_LOCK m_Lock;    // guards all fields below
