@@ -25,12 +25,12 @@ NTSTATUS CUsbPipe::CallDriver(PIRP irp) {
     if (lowerDevice != nullptr) {
         return IoCallDriver(lowerDevice, irp);
     }
-    // Completed here in place of the device below, so that the owner gets its IRP back in the one
-    // place that it always comes back to.
-    IoSetNextIrpStackLocation(irp);
+    // Ended here in place of the device below, so that the owner gets its IRP back in the one place
+    // that it always comes back to.
     irp->IoStatus.Status = STATUS_DEVICE_NOT_CONNECTED;
     irp->IoStatus.Information = 0;
-    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    const PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
+    next->CompletionRoutine(nullptr, irp, next->Context);
     return STATUS_DEVICE_NOT_CONNECTED;
 }
 
