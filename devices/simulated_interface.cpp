@@ -1,0 +1,208 @@
+#include "devices/simulated_interface.h"
+
+#include "devices/usb_spec.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace kelvane::devices {
+
+namespace {
+
+// Clock changes that nobody reads: the oldest go.
+constexpr std::size_t kMostMessages = 32;
+
+} // namespace
+
+SimulatedInterface::SimulatedInterface(DeviceDescriptors descriptors, InterfaceOptions options)
+    : m_descriptors(std::move(descriptors)), m_options(std::move(options)) {}
+
+SimulatedInterface::~SimulatedInterface() = default;
+
+void SimulatedInterface::attach(DeviceHost* host) {
+    const std::lock_guard lock(m_mutex);
+    m_host = host;
+    selectConfiguration(0, m_microframe);
+    m_remoteWakeup = false;
+    if (host != nullptr) {
+        m_microframe = 0;
+    }
+}
+
+void SimulatedInterface::setPpm(double ppm) {
+    const std::lock_guard lock(m_mutex);
+    m_options.ppm = ppm;
+    if (m_controls) {
+        for (const auto& clock : m_controls->clocks()) {
+            clock->clock.set(clock->clock.rate(), ppm);
+        }
+    }
+}
+
+void SimulatedInterface::setClockValid(std::uint8_t clockId, bool valid) {
+    {
+        const std::lock_guard lock(m_mutex);
+        if (!m_controls) {
+            return;
+        }
+        for (const auto& clock : m_controls->clocks()) {
+            if (clock->source.id == clockId && clock->valid != valid) {
+                clock->valid = valid;
+                addMessage(clock->interfaceNumber, clockId, usb::kClockValid);
+            }
+        }
+    }
+    announce();
+}
+
+OutputCounters SimulatedInterface::outputCounters() const {
+    const std::lock_guard lock(m_mutex);
+    return m_firstOutput == nullptr ? OutputCounters{} : m_firstOutput->output.counters();
+}
+
+std::uint32_t SimulatedInterface::sampleRate() const {
+    const std::lock_guard lock(m_mutex);
+    return m_controls && !m_controls->clocks().empty() ? m_controls->clocks().front()->clock.rate()
+                                                       : 0;
+}
+
+std::uint8_t SimulatedInterface::configurationValue() const {
+    const std::lock_guard lock(m_mutex);
+    return m_configuration == nullptr ? std::uint8_t{0} : m_configuration->value;
+}
+
+std::uint8_t SimulatedInterface::currentSetting(std::uint8_t interfaceNumber) const {
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_settings.find(interfaceNumber);
+    return found == m_settings.end() ? std::uint8_t{0} : found->second;
+}
+
+void SimulatedInterface::finishOutput() {
+    const std::lock_guard lock(m_mutex);
+    stopAll(m_microframe);
+    if (m_options.sink) {
+        m_options.sink->finish();
+    }
+}
+
+SimulatedInterface::EndpointState& SimulatedInterface::state(std::uint8_t address) {
+    return m_endpoints[(address & 0x0F) + ((address & 0x80) != 0 ? 16U : 0U)];
+}
+
+ControlReply SimulatedInterface::control(const SetupPacket& setup, std::uint64_t microframe,
+                                         std::span<std::byte> data) {
+    ControlReply reply{.stalled = true, .length = 0, .microframes = 1};
+    {
+        const std::lock_guard lock(m_mutex);
+        m_microframe = microframe;
+        const std::uint8_t type = setup.bmRequestType & usb::kTypeMask;
+        const std::uint8_t recipient = setup.bmRequestType & usb::kRecipientMask;
+        if (type == usb::kTypeStandard) {
+            reply = standardRequest(setup, microframe, data);
+        } else if (type == usb::kTypeClass && recipient == usb::kToInterface && m_controls) {
+            reply = m_controls->request(setup, microframe, data);
+        }
+    }
+    announce();
+    return reply;
+}
+
+void SimulatedInterface::isochronousOut(std::uint8_t endpoint, std::uint64_t microframe,
+                                        std::span<const std::byte> packet) {
+    const std::lock_guard lock(m_mutex);
+    m_microframe = microframe;
+    EndpointState& target = state(endpoint & 0x0F);
+    if (target.role == Role::AudioOut) {
+        target.stream->output.receive(packet, microframe);
+    }
+}
+
+std::size_t SimulatedInterface::isochronousIn(std::uint8_t endpoint, std::uint64_t microframe,
+                                              std::span<std::byte> packet) {
+    const std::lock_guard lock(m_mutex);
+    m_microframe = microframe;
+    EndpointState& source = state(endpoint | 0x80);
+    switch (source.role) {
+    case Role::AudioIn:
+        return source.stream->input.send(packet, microframe);
+    case Role::Feedback:
+        return fillFeedback(*source.stream, microframe, packet);
+    default:
+        return 0;
+    }
+}
+
+std::size_t SimulatedInterface::fillFeedback(Stream& stream, std::uint64_t microframe,
+                                             std::span<std::byte> packet) {
+    std::uint32_t value = stream.output.feedback(microframe);
+    std::size_t length = 4;
+    if (m_options.speed == Speed::Full) {
+        // USB 2.0, 5.12.4.2: 10.14 fixed point frames per 1 ms, in 3 bytes.
+        value = value * kMicroframesPerFrame / 4;
+        length = 3;
+    }
+    length = std::min(length, packet.size());
+    std::memcpy(packet.data(), &value, length);
+    return length;
+}
+
+Handshake SimulatedInterface::in(std::uint8_t endpoint, std::uint64_t microframe,
+                                 std::span<std::byte> packet) {
+    const std::lock_guard lock(m_mutex);
+    m_microframe = microframe;
+    EndpointState& source = state(endpoint | 0x80);
+    if (source.halted || source.role == Role::None) {
+        return {.kind = Handshake::Kind::Stall};
+    }
+    if (source.role != Role::ClockInterrupt || m_messages.empty()) {
+        return {};
+    }
+    const std::size_t length = std::min(m_messages.front().size(), packet.size());
+    std::memcpy(packet.data(), m_messages.front().data(), length);
+    m_messages.pop_front();
+    return {.kind = Handshake::Kind::Ack, .length = length};
+}
+
+Handshake SimulatedInterface::out(std::uint8_t endpoint, std::uint64_t microframe,
+                                  std::span<const std::byte> packet) {
+    const std::lock_guard lock(m_mutex);
+    m_microframe = microframe;
+    const EndpointState& target = state(endpoint & 0x0F);
+    if (target.halted || target.role == Role::None) {
+        return {.kind = Handshake::Kind::Stall};
+    }
+    return {.kind = Handshake::Kind::Ack, .length = packet.size()};
+}
+
+void SimulatedInterface::addMessage(std::uint8_t interfaceNumber, std::uint8_t entity,
+                                    std::uint8_t selector) {
+    // bInfo: class-specific, from an interface; bAttribute: CUR; wValue: selector and channel 0;
+    // wIndex: entity and interface.
+    const Message message{std::byte{0},        std::byte{usb::kCur},       std::byte{0},
+                          std::byte{selector}, std::byte{interfaceNumber}, std::byte{entity}};
+    if (m_messageEndpoint == 0 || std::ranges::find(m_messages, message) != m_messages.end()) {
+        return;
+    }
+    if (m_messages.size() == kMostMessages) {
+        m_messages.pop_front();
+    }
+    m_messages.push_back(message);
+}
+
+// Outside the lock, since the host may call back at once.
+void SimulatedInterface::announce() {
+    DeviceHost* host = nullptr;
+    std::uint8_t endpoint = 0;
+    {
+        const std::lock_guard lock(m_mutex);
+        if (!m_messages.empty()) {
+            host = m_host;
+            endpoint = m_messageEndpoint;
+        }
+    }
+    if (host != nullptr) {
+        host->endpointReady(endpoint);
+    }
+}
+
+} // namespace kelvane::devices

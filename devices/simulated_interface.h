@@ -1,0 +1,129 @@
+// A USB audio interface made from its descriptors.
+//
+// It answers standard requests (USB 2.0, chapter 9) and UAC2 class requests as its descriptors
+// promise, plays what comes on output endpoints into an AudioSink, reports feedback, sends silence
+// on input endpoints, and tells of clock changes on its AudioControl interrupt endpoint. Bulk
+// endpoints take everything and send nothing; other interrupt endpoints stay quiet.
+#pragma once
+
+#include "devices/audio_controls.h"
+#include "devices/audio_sink.h"
+#include "devices/descriptors.h"
+#include "devices/input_converter.h"
+#include "devices/output_converter.h"
+#include "devices/strings.h"
+#include "devices/usb_device.h"
+
+#include <array>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace kelvane::devices {
+
+struct InterfaceOptions {
+    Speed speed = Speed::High;
+    double ppm = 0.0; // sample clocks against bus time
+    StringTable strings;
+    std::vector<std::uint32_t> rates{44100, 48000, 88200, 96000, 176400, 192000}; // Hz
+    std::shared_ptr<AudioSink> sink; // of the first output stream; may be null
+};
+
+class SimulatedInterface : public UsbDevice {
+public:
+    SimulatedInterface(DeviceDescriptors descriptors, InterfaceOptions options);
+    ~SimulatedInterface() override;
+
+    // Calls from a test or a program; safe beside the bus's own.
+    const DeviceDescriptors& descriptors() const { return m_descriptors; }
+    void setPpm(double ppm);
+    // A clock source loses or finds its signal. Unknown IDs are ignored.
+    void setClockValid(std::uint8_t clockId, bool valid);
+    // Of the first output stream; zeros when there is none.
+    OutputCounters outputCounters() const;
+    // Hz, as the first AudioControl interface's clock sources stand; 0 when there is none.
+    std::uint32_t sampleRate() const;
+    std::uint8_t configurationValue() const;
+    std::uint8_t currentSetting(std::uint8_t interfaceNumber) const;
+    // Stops all streams, plays out what their FIFOs hold and finishes the sink.
+    // Throws DeviceError when the sink couldn't keep everything.
+    void finishOutput();
+
+    Speed speed() const override { return m_options.speed; }
+    void attach(DeviceHost* host) override;
+    ControlReply control(const SetupPacket& setup, std::uint64_t microframe,
+                         std::span<std::byte> data) override;
+    void isochronousOut(std::uint8_t endpoint, std::uint64_t microframe,
+                        std::span<const std::byte> packet) override;
+    std::size_t isochronousIn(std::uint8_t endpoint, std::uint64_t microframe,
+                              std::span<std::byte> packet) override;
+    Handshake in(std::uint8_t endpoint, std::uint64_t microframe,
+                 std::span<std::byte> packet) override;
+    Handshake out(std::uint8_t endpoint, std::uint64_t microframe,
+                  std::span<const std::byte> packet) override;
+
+private:
+    // One AudioStreaming interface. It keeps its counters over changes of setting.
+    struct Stream {
+        explicit Stream(AudioSink* sink) : output(sink) {}
+        const AlternateSetting* setting = nullptr; // in force and carrying audio, or null
+        ClockDomain* clock = nullptr;
+        OutputConverter output;
+        InputConverter input;
+    };
+    enum class Role { None, AudioOut, AudioIn, Feedback, ClockInterrupt, Data };
+    struct EndpointState {
+        Role role = Role::None; // None: not in the settings in force
+        const Endpoint* descriptor = nullptr;
+        Stream* stream = nullptr;
+        std::uint8_t interfaceNumber = 0;
+        bool halted = false;
+    };
+    using Message = std::array<std::byte, 6>; // UAC2, 6.1
+
+    EndpointState& state(std::uint8_t address);
+    void addMessage(std::uint8_t interfaceNumber, std::uint8_t entity, std::uint8_t selector);
+    void announce();
+    std::size_t fillFeedback(Stream& stream, std::uint64_t microframe, std::span<std::byte> packet);
+
+    // Configurations and settings.
+    bool selectConfiguration(std::uint8_t value, std::uint64_t microframe);
+    bool selectSetting(std::uint8_t interfaceNumber, std::uint8_t setting,
+                       std::uint64_t microframe);
+    void addStream(const AlternateSetting& setting);
+    void stopAll(std::uint64_t microframe);
+    void mapEndpoints();
+    void startStream(Stream& stream, std::uint64_t microframe);
+    void stopStream(Stream& stream, std::uint64_t microframe);
+    void rateChange(ClockDomain& clock, bool after, std::uint64_t microframe);
+
+    // Standard requests.
+    ControlReply standardRequest(const SetupPacket& setup, std::uint64_t microframe,
+                                 std::span<std::byte> data);
+    ControlReply getDescriptor(const SetupPacket& setup, std::span<std::byte> data);
+    ControlReply getStatus(const SetupPacket& setup, std::span<std::byte> data);
+    ControlReply changeFeature(const SetupPacket& setup, bool set);
+    ControlReply getInterface(const SetupPacket& setup, std::span<std::byte> data);
+
+    DeviceDescriptors m_descriptors;
+    InterfaceOptions m_options;
+
+    mutable std::mutex m_mutex; // guards everything below
+    DeviceHost* m_host = nullptr;
+    const Configuration* m_configuration = nullptr; // selected, or null
+    bool m_remoteWakeup = false;
+    std::unique_ptr<AudioControls> m_controls;                 // of m_configuration
+    std::map<std::uint8_t, std::uint8_t> m_settings;           // in force, by interface number
+    std::map<std::uint8_t, std::unique_ptr<Stream>> m_streams; // by interface number
+    Stream* m_firstOutput = nullptr;
+    std::array<EndpointState, 32> m_endpoints; // by number, IN endpoints from 16 on
+    std::deque<Message> m_messages;            // waiting for the interrupt endpoint
+    std::uint8_t m_messageEndpoint = 0;        // 0: the device has none
+    std::uint64_t m_microframe = 0;            // the last that anybody asked for
+};
+
+} // namespace kelvane::devices

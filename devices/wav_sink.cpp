@@ -1,0 +1,174 @@
+#include "devices/wav_sink.h"
+
+#include "devices/error.h"
+
+#include <fmt/format.h>
+#include <sndfile.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+namespace kelvane::devices {
+
+namespace {
+
+constexpr std::size_t kSamplesPerWrite = 16'384;
+// The header counts bytes in 32 bits; room is left for itself.
+constexpr std::uint64_t kMostBytes = 0xFFFF'0000;
+
+int containerOf(std::uint8_t subslotBytes) {
+    switch (subslotBytes) {
+    case 1:
+        return SF_FORMAT_PCM_U8;
+    case 2:
+        return SF_FORMAT_PCM_16;
+    case 3:
+        return SF_FORMAT_PCM_24;
+    default:
+        return SF_FORMAT_PCM_32;
+    }
+}
+
+// A little-endian sample of 1 to 4 bytes, left-justified in 32 bits.
+std::int32_t sampleAt(const std::byte* bytes, std::uint8_t subslotBytes) {
+    std::uint32_t value = 0;
+    for (std::uint8_t i = 0; i < subslotBytes; ++i) {
+        value |= std::to_integer<std::uint32_t>(bytes[i]) << (8 * (4 - subslotBytes + i));
+    }
+    return static_cast<std::int32_t>(value);
+}
+
+} // namespace
+
+void WavSink::Close::operator()(void* file) const {
+    sf_close(static_cast<SNDFILE*>(file));
+}
+
+WavSink::WavSink(std::string path) : m_path(std::move(path)), m_samples(kSamplesPerWrite) {
+    if (std::filesystem::is_directory(m_path)) {
+        throw DeviceError(
+            fmt::format("{}: is a directory, expected the name of a WAV file", m_path));
+    }
+    // The format is not known before the first stream, but a name that can't be written is.
+    std::FILE* probe = std::fopen(partPath().c_str(), "wb");
+    if (probe == nullptr) {
+        throw DeviceError(fmt::format("{}: can't be written: {}", m_path, std::strerror(errno)));
+    }
+    std::fclose(probe);
+}
+
+WavSink::~WavSink() {
+    close(false);
+}
+
+std::string WavSink::finalPath() const {
+    if (m_files.empty()) {
+        return m_path;
+    }
+    const std::filesystem::path path(m_path);
+    std::filesystem::path numbered = path;
+    numbered.replace_filename(fmt::format("{}-{}{}", path.stem().string(), m_files.size() + 1,
+                                          path.extension().string()));
+    return numbered.string();
+}
+
+std::string WavSink::partPath() const {
+    return finalPath() + ".part";
+}
+
+void WavSink::start(const AudioFormat& format) {
+    if (m_finished || (m_file != nullptr && format == m_format)) {
+        return;
+    }
+    close(!m_silent);
+    m_format = format;
+    open();
+}
+
+void WavSink::open() {
+    SF_INFO info{};
+    info.samplerate = static_cast<int>(m_format.rate);
+    info.channels = m_format.channels;
+    info.format = SF_FORMAT_WAV | containerOf(m_format.subslotBytes);
+    m_file.reset(sf_open(partPath().c_str(), SFM_WRITE, &info));
+    if (m_file == nullptr) {
+        fail(sf_strerror(nullptr));
+        return;
+    }
+    m_silent = true;
+    m_bytes = 0;
+}
+
+void WavSink::play(std::span<const std::byte> frames) {
+    const std::size_t subslot = m_format.subslotBytes;
+    if (m_file == nullptr || subslot == 0) {
+        return;
+    }
+    if (m_bytes + frames.size() > kMostBytes) {
+        close(true);
+        open();
+    }
+    m_bytes += frames.size();
+    std::uint32_t heard = 0;
+    for (std::size_t at = 0; at + subslot <= frames.size(); at += subslot) {
+        const std::int32_t sample = sampleAt(frames.data() + at, m_format.subslotBytes);
+        heard |= static_cast<std::uint32_t>(sample);
+        m_samples[m_fill++] = sample;
+        if (m_fill == m_samples.size()) {
+            flush();
+        }
+    }
+    m_silent = m_silent && heard == 0;
+}
+
+void WavSink::flush() {
+    const auto count = static_cast<sf_count_t>(m_fill);
+    m_fill = 0;
+    if (m_file == nullptr || count == 0) {
+        return;
+    }
+    auto* file = static_cast<SNDFILE*>(m_file.get());
+    if (sf_write_int(file, m_samples.data(), count) != count) {
+        fail(sf_strerror(file));
+    }
+}
+
+void WavSink::close(bool keep) {
+    const bool wasOpen = m_file != nullptr;
+    flush();
+    m_file.reset();
+    std::error_code ignored;
+    if (!wasOpen || !keep || !m_error.empty()) {
+        std::filesystem::remove(partPath(), ignored);
+        return;
+    }
+    const std::string name = finalPath();
+    if (std::rename(partPath().c_str(), name.c_str()) != 0) {
+        fail(std::strerror(errno));
+        std::filesystem::remove(partPath(), ignored);
+        return;
+    }
+    m_files.push_back(name);
+}
+
+void WavSink::finish() {
+    if (m_finished) {
+        return;
+    }
+    m_finished = true;
+    close(true);
+    if (!m_error.empty()) {
+        throw DeviceError(m_error);
+    }
+}
+
+void WavSink::fail(const std::string& what) {
+    if (m_error.empty()) {
+        m_error = fmt::format("{}: can't be written: {}", finalPath(), what);
+    }
+}
+
+} // namespace kelvane::devices

@@ -1,0 +1,332 @@
+// A device's time: sample clock, feedback report, FIFO, recording.
+
+#include "devices/error.h"
+#include "devices/output_converter.h"
+#include "devices/sample_clock.h"
+#include "devices/wav_sink.h"
+
+#include <gtest/gtest.h>
+#include <sndfile.h>
+
+#include <sys/resource.h>
+
+#include <array>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+namespace kelvane::devices {
+namespace {
+
+constexpr std::uint64_t kSecond = 8000; // microframes
+
+TEST(SampleClock, CountsExactlyHoweverItIsAsked) {
+    struct Case {
+        std::uint32_t rate;
+        double ppm;
+        std::uint64_t framesPerHour; // rounded down
+    };
+    const Case cases[] = {
+        {44100, 0, 158'760'000},      {44100, 200, 158'791'752},  {48000, -200, 172'765'440},
+        {192000, 0.001, 691'200'000}, {192000, -50, 691'165'440}, {768000, 100'000, 3'041'280'000},
+    };
+    for (const Case& testCase : cases) {
+        SCOPED_TRACE(testCase.rate);
+        SampleClock whole(testCase.rate, testCase.ppm);
+        EXPECT_EQ(whole.position(3600 * kSecond), testCase.framesPerHour);
+        SampleClock stepped(testCase.rate, testCase.ppm);
+        for (std::uint64_t microframe = 0; microframe < 3600 * kSecond; microframe += 1009) {
+            stepped.position(microframe);
+        }
+        EXPECT_EQ(stepped.position(3600 * kSecond), testCase.framesPerHour);
+    }
+}
+
+TEST(SampleClock, GoesOnFromWhereARateEnded) {
+    SampleClock clock(48000);
+    EXPECT_EQ(clock.position(kSecond), 48000U);
+    clock.set(96000, 0);
+    EXPECT_EQ(clock.position(2 * kSecond), 48000U + 96000U);
+}
+
+TEST(SampleClock, Feedback) {
+    struct Case {
+        std::uint32_t rate;
+        double ppm;
+        std::uint32_t value; // 16.16 frames per microframe
+    };
+    const Case cases[] = {
+        {48000, 0, 0x60000},   {44100, 0, 361267},     {44100, 200, 361339},
+        {44100, -200, 361195}, {192000, 200, 1573179}, {96000, -200, 786275},
+    };
+    for (const Case& testCase : cases) {
+        EXPECT_EQ(SampleClock(testCase.rate, testCase.ppm).feedback(), testCase.value)
+            << testCase.rate << " " << testCase.ppm;
+    }
+}
+
+// The host's side of asynchronous output, as a driver does it: packets sized by one accumulator
+// from a rate in 16.16 fixed point.
+class Host {
+public:
+    explicit Host(OutputConverter& converter) : m_converter(converter) {}
+
+    void run(std::uint32_t value, std::uint64_t microframes) {
+        std::vector<std::byte> packet;
+        for (std::uint64_t i = 0; i < microframes; ++i) {
+            m_accumulator += value;
+            packet.resize(std::size_t{m_accumulator >> 16} * 8);
+            m_accumulator &= 0xFFFF;
+            for (std::size_t at = 0; at < packet.size(); at += 8) {
+                const std::uint64_t frame = ++m_frame;
+                std::memcpy(&packet[at], &frame, 8);
+            }
+            m_converter.receive(packet, m_microframe++);
+        }
+    }
+    void pause(std::uint64_t microframes) { m_microframe += microframes; }
+    std::uint64_t now() const { return m_microframe; }
+    std::uint64_t frames() const { return m_frame; }
+
+private:
+    OutputConverter& m_converter;
+    std::uint32_t m_accumulator = 0;
+    std::uint64_t m_frame = 0; // number of the last frame sent
+    std::uint64_t m_microframe = 0;
+};
+
+const AudioFormat kStereo{.rate = 0, .channels = 2, .subslotBytes = 4, .bits = 24};
+
+std::vector<std::uint64_t> numbers(const BufferSink& sink) {
+    std::vector<std::uint64_t> frames(sink.parts().front().frames.size() / 8);
+    std::memcpy(frames.data(), sink.parts().front().frames.data(), frames.size() * 8);
+    return frames;
+}
+
+TEST(OutputConverter, KeepsEveryFrameOfALongRun) {
+    for (const std::uint32_t rate : {44100U, 48000U, 96000U, 192000U}) {
+        for (const double ppm : {-200.0, 0.0, 200.0}) {
+            SCOPED_TRACE(testing::Message() << rate << " Hz " << ppm << " ppm");
+            SampleClock clock(rate, ppm);
+            BufferSink sink;
+            OutputConverter converter(&sink);
+            converter.start(clock, kStereo, false, 0);
+            Host host(converter);
+            // Two transfers of 20 ms go out at the nominal rate before the report counts; the
+            // report is then kept for good.
+            const std::uint32_t report = converter.feedback(0);
+            host.run(static_cast<std::uint32_t>(std::uint64_t{rate} * 65536 / 8000), 40 * 8);
+            host.run(report, 10 * kSecond);
+            converter.stop(host.now());
+
+            const OutputCounters& counters = converter.counters();
+            EXPECT_EQ(counters.underruns, 0U);
+            EXPECT_EQ(counters.overruns, 0U);
+            EXPECT_EQ(counters.framesPlayed, host.frames());
+            EXPECT_NEAR(counters.measuredRate(), rate * (1 + ppm / 1e6), 0.0002 * rate);
+            const auto played = numbers(sink);
+            ASSERT_EQ(played.size(), host.frames());
+            for (std::size_t i = 0; i < played.size(); ++i) {
+                ASSERT_EQ(played[i], i + 1);
+            }
+        }
+    }
+}
+
+TEST(OutputConverter, StarvesAndRecovers) {
+    SampleClock clock(48000);
+    BufferSink sink;
+    OutputConverter converter(&sink);
+    converter.start(clock, kStereo, false, 0);
+    Host host(converter);
+    host.run(0x60000, 800);
+    host.pause(80); // 480 sample clocks, of which the FIFO's 96 or so are covered
+    host.run(0x60000, 800);
+    converter.stop(host.now());
+    const OutputCounters& counters = converter.counters();
+    EXPECT_GT(counters.underruns, 370U);
+    EXPECT_LT(counters.underruns, 400U);
+    EXPECT_EQ(counters.overruns, 0U);
+    EXPECT_EQ(counters.framesPlayed, host.frames());
+    // The gap is heard as silence of its length.
+    EXPECT_EQ(numbers(sink).size(), host.frames() + counters.underruns);
+}
+
+TEST(OutputConverter, AHostThatStopsIsNoUnderrun) {
+    SampleClock clock(48000);
+    BufferSink sink;
+    OutputConverter converter(&sink);
+    converter.start(clock, kStereo, false, 0);
+    Host host(converter);
+    host.run(0x60000, 3); // less than half the FIFO: never played, but not lost
+    host.pause(kSecond);
+    converter.stop(host.now());
+    EXPECT_EQ(converter.counters().underruns, 0U);
+    EXPECT_EQ(numbers(sink).size(), host.frames());
+}
+
+TEST(OutputConverter, OverrunDropsTheNewest) {
+    SampleClock clock(48000);
+    BufferSink sink;
+    OutputConverter converter(&sink);
+    converter.start(clock, kStereo, false, 0);
+    std::vector<std::byte> packet(8 * 200, std::byte{1}); // the FIFO holds 192 frames
+    packet.push_back(std::byte{9});
+    converter.receive(packet, 0);
+    EXPECT_EQ(converter.counters().overruns, 8U);
+    EXPECT_EQ(converter.counters().badPackets, 1U);
+    converter.stop(1);
+    EXPECT_EQ(converter.counters().framesPlayed, 192U);
+}
+
+TEST(OutputConverter, FollowsTheHostWhenNotAsynchronous) {
+    SampleClock clock(48000, -50'000);
+    BufferSink sink;
+    OutputConverter converter(&sink);
+    converter.start(clock, kStereo, true, 0);
+    Host host(converter);
+    host.run(0x60000, kSecond);
+    EXPECT_EQ(numbers(sink).size(), 48000U);
+    EXPECT_EQ(converter.counters().overruns, 0U);
+}
+
+// A report read while the FIFO is off its half is bent towards it, and back to the rate at half.
+TEST(OutputConverter, FeedbackBringsTheLevelBack) {
+    SampleClock clock(48000);
+    OutputConverter converter(nullptr);
+    converter.start(clock, kStereo, false, 0);
+    Host host(converter);
+    host.run(0x60000, 800);
+    host.run(0x60000 * 51 / 50, 400); // 50 ms at 2 % too much: about 48 frames above half
+    EXPECT_LT(converter.feedback(host.now()), 0x60000U);
+    for (int second = 0; second < 60; ++second) {
+        host.run(converter.feedback(host.now()), kSecond);
+    }
+    EXPECT_EQ(converter.counters().overruns, 0U);
+    EXPECT_NEAR(converter.feedback(host.now()), 0x60000, 1);
+}
+
+class WavSinkTest : public testing::Test {
+protected:
+    WavSinkTest() {
+        std::filesystem::remove_all(m_folder);
+        std::filesystem::create_directory(m_folder);
+    }
+    ~WavSinkTest() override { std::filesystem::remove_all(m_folder); }
+
+    std::string path(const char* name) const { return (m_folder / name).string(); }
+    std::size_t filesLeft() const {
+        return static_cast<std::size_t>(
+            std::distance(std::filesystem::directory_iterator(m_folder), {}));
+    }
+
+    std::filesystem::path m_folder = std::filesystem::path(testing::TempDir()) / "wav-sink";
+};
+
+TEST_F(WavSinkTest, KeepsEveryBitInAContainerOfTheSubslot) {
+    struct Case {
+        std::uint8_t subslotBytes;
+        int container;
+        std::vector<std::byte> samples; // two channels, two frames
+        std::array<int, 4> read;        // left-justified
+    };
+    const auto b = [](std::initializer_list<int> values) {
+        std::vector<std::byte> bytes;
+        for (const int value : values) {
+            bytes.push_back(static_cast<std::byte>(value));
+        }
+        return bytes;
+    };
+    const Case cases[] = {
+        {2,
+         SF_FORMAT_PCM_16,
+         b({0x01, 0x80, 0xFF, 0x7F, 0, 0, 0x34, 0x12}),
+         {static_cast<int>(0x80010000U), 0x7FFF0000, 0, 0x12340000}},
+        {3,
+         SF_FORMAT_PCM_24,
+         b({1, 0, 0x80, 0xFF, 0xFF, 0x7F, 0, 0, 0, 0x56, 0x34, 0x12}),
+         {static_cast<int>(0x80000100U), 0x7FFFFF00, 0, 0x12345600}},
+        {4,
+         SF_FORMAT_PCM_32,
+         b({1, 0, 0, 0x80, 0xFF, 0xFF, 0xFF, 0x7F, 0, 0, 0, 0, 0x78, 0x56, 0x34, 0x12}),
+         {static_cast<int>(0x80000001U), 0x7FFFFFFF, 0, 0x12345678}},
+    };
+    for (const Case& testCase : cases) {
+        SCOPED_TRACE(int{testCase.subslotBytes});
+        WavSink sink(path("heard.wav"));
+        sink.start(
+            {.rate = 96000, .channels = 2, .subslotBytes = testCase.subslotBytes, .bits = 16});
+        sink.play(testCase.samples);
+        EXPECT_FALSE(std::filesystem::exists(path("heard.wav"))) << "named before it is whole";
+        sink.finish();
+
+        SF_INFO info{};
+        SNDFILE* file = sf_open(path("heard.wav").c_str(), SFM_READ, &info);
+        ASSERT_NE(file, nullptr) << sf_strerror(nullptr);
+        EXPECT_EQ(info.samplerate, 96000);
+        EXPECT_EQ(info.format, SF_FORMAT_WAV | testCase.container);
+        std::array<int, 4> read{};
+        EXPECT_EQ(sf_read_int(file, read.data(), 4), 4);
+        EXPECT_EQ(read, testCase.read);
+        sf_close(file);
+        EXPECT_EQ(filesLeft(), 1U);
+        std::filesystem::remove(path("heard.wav"));
+    }
+}
+
+TEST_F(WavSinkTest, AnotherFormatIsAnotherFileUnlessAllWasSilence) {
+    const std::vector<std::byte> silence(64);
+    const std::vector<std::byte> sound(64, std::byte{1});
+    WavSink sink(path("heard.wav"));
+    sink.start({.rate = 48000, .channels = 2, .subslotBytes = 4, .bits = 24});
+    sink.play(silence);
+    sink.start({.rate = 44100, .channels = 2, .subslotBytes = 4, .bits = 24});
+    sink.play(sound);
+    sink.start({.rate = 44100, .channels = 2, .subslotBytes = 4, .bits = 24});
+    sink.play(sound);
+    sink.start({.rate = 96000, .channels = 2, .subslotBytes = 4, .bits = 24});
+    sink.play(sound);
+    sink.finish();
+    EXPECT_EQ(sink.files(), (std::vector{path("heard.wav"), path("heard-2.wav")}));
+    EXPECT_EQ(filesLeft(), 2U);
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path("heard.wav").c_str(), SFM_READ, &info);
+    ASSERT_NE(file, nullptr);
+    sf_close(file);
+    EXPECT_EQ(info.samplerate, 44100);
+    EXPECT_EQ(info.frames, 16);
+}
+
+TEST_F(WavSinkTest, LeavesNothingHalfWritten) {
+    {
+        WavSink sink(path("heard.wav"));
+        sink.start({.rate = 48000, .channels = 2, .subslotBytes = 4, .bits = 24});
+        sink.play(std::vector<std::byte>(800, std::byte{1}));
+    }
+    EXPECT_EQ(filesLeft(), 0U);
+    EXPECT_THROW(WavSink(path("no/such/folder.wav")), DeviceError);
+    EXPECT_THROW(WavSink(m_folder.string()), DeviceError);
+    EXPECT_EQ(filesLeft(), 0U);
+}
+
+// A disk that fills up: no write beyond 100 kB succeeds.
+TEST_F(WavSinkTest, ReportsAWriteThatFailed) {
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit small{.rlim_cur = 100'000, .rlim_max = before.rlim_max};
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &small);
+    {
+        WavSink sink(path("full.wav"));
+        sink.start({.rate = 48000, .channels = 2, .subslotBytes = 4, .bits = 24});
+        sink.play(std::vector<std::byte>(800'000, std::byte{1}));
+        EXPECT_THROW(sink.finish(), DeviceError);
+    }
+    setrlimit(RLIMIT_FSIZE, &before);
+    std::signal(SIGXFSZ, handler);
+    EXPECT_EQ(filesLeft(), 0U);
+}
+
+} // namespace
+} // namespace kelvane::devices
