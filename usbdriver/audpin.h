@@ -49,12 +49,17 @@ public:
     HANDLE GetProcessId() override { return m_ProcessId; }
 
 private:
-    static UsbAudioPin* FromIrp(PIRP irp);
+    // Null when the pin is none of ours.
+    static UsbAudioPin* FromKsPin(PKSPIN pin);
+    static UsbAudioDevice* DeviceOf(PKSPIN pin);
+    // Null when the format that the application gave is too short to be one.
+    static const KSDATAFORMAT_WAVEFORMATEX* ConnectionFormatOf(PKSPIN pin);
+    static bool IsCapture(PKSPIN pin) { return pin->DataFlow == KSPIN_DATAFLOW_OUT; }
+    static NTSTATUS CreateObject(PKSPIN pin, UsbAudioDevice* device,
+                                 const KSDATAFORMAT_WAVEFORMATEX& dataFormat);
     NTSTATUS Process();
-    void StampFrame(PKSSTREAM_POINTER pointer, ULONG frameBytes);
-    void GetPosition(KSAUDIO_POSITION& position) const;
-    void SetPosition(const KSAUDIO_POSITION& position);
-    void GetAllocatorFraming(KSALLOCATOR_FRAMING& framing) const;
+    void StampFrame(PKSSTREAM_HEADER header, ULONG frameBytes);
+    KSALLOCATOR_FRAMING AllocatorFraming() const;
     NTSTATUS GetChannelName(ULONG channel, void* name, ULONG size) const;
 
     static constexpr ULONG kSignature = PoolTag("KAPn");
