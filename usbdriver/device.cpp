@@ -253,12 +253,12 @@ void UsbAudioDevice::CreateAudioStream(ULONG index) {
 }
 
 void UsbAudioDevice::RegisterStream(UsbAudioStream* stream) {
-    DriverAssert(m_AudioControlInterface != NULL);
+    DriverAssertAs("m_AudioControlInterface != NULL", m_AudioControlInterface != nullptr);
     const bool input = stream->IsInput();
     if (input) {
-        DriverAssert(m_AudioStream_In == NULL);
+        DriverAssertAs("m_AudioStream_In == NULL", m_AudioStream_In == nullptr);
     } else {
-        DriverAssert(m_AudioStream_Out == NULL);
+        DriverAssertAs("m_AudioStream_Out == NULL", m_AudioStream_Out == nullptr);
     }
     UsbAudioStream*& slot = input ? m_AudioStream_In : m_AudioStream_Out;
     delete slot; // of several streams of a direction, the last one serves all its pins

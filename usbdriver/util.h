@@ -39,6 +39,14 @@ void ReportAssertion(const char* expression, const char* file, ULONG line);
 #define DriverAssert(expression)                                                                   \
     ((expression) ? static_cast<void>(0) : ReportAssertion(#expression, __FILE__, __LINE__))
 
+// An assertion whose text is fixed, whatever the code looks like.
+inline void DriverAssertAs(const char* text, bool holds, const char* file = __builtin_FILE(),
+                           ULONG line = __builtin_LINE()) {
+    if (!holds) {
+        ReportAssertion(text, file, line);
+    }
+}
+
 // Traces and asserts when called above APC_LEVEL, where pageable code may not run.
 void CheckPageable(const char* file = __builtin_FILE(), ULONG line = __builtin_LINE());
 // Traces and asserts when the current IRQL is not `level`.
