@@ -3,25 +3,21 @@
 
 namespace {
 
-// A device may ask for more than its packets hold: that is asserted against, at places that keep
-// their numbers. What the buffer can't hold is never sent.
+// Some assertions have a place of their own in their text, which they keep when the code moves.
 constexpr const char* kSourceFile = "usbdriver/audstream.cpp";
-
-void AssertAt(bool holds, const char* expression, ULONG line) {
-    if (!holds) {
-        ReportAssertion(expression, kSourceFile, line);
-    }
-}
 
 } // namespace
 
 void UsbAudioStream::SizeOutputPackets(CIsocUrb* urb) {
+    // A device may ask for more than its packets hold: that is asserted against, and sent. What the
+    // buffer can't hold is not.
     ULONG offset = 0;
     for (ULONG i = 0; i < urb->GetNumPackets(); ++i) {
         ULONG length = m_PacketSizer.NextPacketFrames() * m_Format.bytesPerSampleFrame;
-        AssertAt(length <= m_MaximumTransferSize, "length <= m_MaximumTransferSize", 884);
+        DriverAssertAs("length <= m_MaximumTransferSize", length <= m_MaximumTransferSize,
+                       kSourceFile, 884);
         const ULONG room = urb->GetBufferSize() - offset;
-        AssertAt(length <= room, "offset <= urb->GetBufferSize()", 888);
+        DriverAssertAs("offset <= urb->GetBufferSize()", length <= room, kSourceFile, 888);
         if (length > room) {
             length = room - room % m_Format.bytesPerSampleFrame;
         }
@@ -78,8 +74,9 @@ void UsbAudioStream::FeedbackCompleted(NTSTATUS irpStatus) {
                  urbStatus);
         return;
     }
-    AssertAt(m_FeedbackUrb.GetBufferPtr() == reinterpret_cast<UCHAR*>(&_feedbackData),
-             "m_FeedbackUrb.GetBufferPtr() == &_feedbackData", 723);
+    DriverAssertAs("m_FeedbackUrb.GetBufferPtr() == &_feedbackData",
+                   m_FeedbackUrb.GetBufferPtr() == reinterpret_cast<UCHAR*>(&_feedbackData),
+                   kSourceFile, 723);
     const ULONG value = _feedbackData;
     if (value == 0) {
         return; // no report

@@ -94,12 +94,9 @@ NTSTATUS UsbAudioStream::BuildTransfers() {
     const CCHAR stackSize = static_cast<CCHAR>(m_Pipe->GetStackSize() + 1);
     for (ULONG i = 0; i < kNumUrbs; ++i) {
         UCHAR* const urpBuffer = m_DataBuffer.Data() + i * maxBytesPerUrb;
-        if (static_cast<ULONG>(urpBuffer - m_DataBuffer.Data()) + maxBytesPerUrb >
-            m_DataBufferSize) {
-            ReportAssertion("(ULONG)((PUCHAR)urpBuffer - (PUCHAR)m_DataBuffer) + maxBytesPerUrb "
-                            "<= m_DataBufferSize",
-                            __FILE__, __LINE__);
-        }
+        DriverAssertAs("(ULONG)((PUCHAR)urpBuffer - (PUCHAR)m_DataBuffer) + maxBytesPerUrb "
+                       "<= m_DataBufferSize",
+                       (i + 1) * maxBytesPerUrb <= m_DataBufferSize);
         m_urp[i].Release();
         if (!m_urp[i].Allocate(m_UrbSize * kPacketsPerBusFrame, stackSize)) {
             TraceError("UsbAudioStream::StreamingSetup", __LINE__, "!m_urp[i].Allocate()");

@@ -222,8 +222,8 @@ NTSTATUS UsbAudioStream::SubmitAudioUrb(CIsocUrb* isocUrb, ULONG startFrame) {
 }
 
 NTSTATUS UsbAudioStream::SubmitIsocUrb(CIsocUrb* isocUrb, CUsbPipe* pipe) {
-    DriverAssert(isocUrb != NULL);
-    DriverAssert(pipe != NULL);
+    DriverAssertAs("isocUrb != NULL", isocUrb != nullptr);
+    DriverAssertAs("pipe != NULL", pipe != nullptr);
     m_PendingIrps.CountIn();
     const NTSTATUS status = pipe->CallDriver(isocUrb->GetIrp());
     if (!NT_SUCCESS(status)) {
@@ -234,7 +234,7 @@ NTSTATUS UsbAudioStream::SubmitIsocUrb(CIsocUrb* isocUrb, CUsbPipe* pipe) {
 }
 
 NTSTATUS UsbAudioStream::ResubmitUrb(CIsocUrb* urp, ULONG startFrame) {
-    DriverAssert(urp != NULL);
+    DriverAssertAs("urp != NULL", urp != nullptr);
     if (!m_Running.Get()) {
         return STATUS_DEVICE_NOT_READY;
     }
@@ -266,10 +266,11 @@ NTSTATUS UsbAudioStream::ResubmitUrb(CIsocUrb* urp, ULONG startFrame) {
 
 NTSTATUS NTAPI UsbAudioStream::IrpCompletion(PDEVICE_OBJECT, PIRP irp, PVOID Context) {
     auto* const urp = static_cast<CIsocUrb*>(Context);
-    DriverAssert(Context != NULL);
-    DriverAssert(urp->context != NULL);
-    if (urp != nullptr && urp->context != nullptr) {
-        urp->context->Completed(urp, irp);
+    UsbAudioStream* const stream = urp == nullptr ? nullptr : urp->context;
+    DriverAssertAs("Context != NULL", urp != nullptr);
+    DriverAssertAs("urp->context != NULL", stream != nullptr);
+    if (stream != nullptr) {
+        stream->Completed(urp, irp);
     }
     return STATUS_MORE_PROCESSING_REQUIRED; // the IRP stays ours
 }

@@ -56,9 +56,8 @@ bool CIsocPerformanceTester::AllocateTransfers(CCHAR stackSize) {
 CIsocPerformanceTester::~CIsocPerformanceTester() {
     WaitForCompletion();
     for (ULONG i = 0; i < kTransfers; ++i) {
-        if (!_urbs[i].IsEmpty() && USBD_PENDING(Urb(i)->Hdr.Status)) {
-            ReportAssertion("!USBD_PENDING(URB_STATUS(_urbs[i]))", __FILE__, __LINE__);
-        }
+        DriverAssertAs("!USBD_PENDING(URB_STATUS(_urbs[i]))",
+                       _urbs[i].IsEmpty() || !USBD_PENDING(Urb(i)->Hdr.Status));
         if (_irps[i] != nullptr) {
             IoFreeIrp(_irps[i]);
         }

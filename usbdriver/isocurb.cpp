@@ -42,10 +42,10 @@ void CIsocUrb::Initialize(USBD_PIPE_HANDLE pipe, void* buffer, ULONG size, ULONG
 
 void CIsocUrb::Build(ULONG startFrame) {
     struct _URB_ISOCH_TRANSFER* const urb = Urb();
-    DriverAssert(urb != NULL);
-    DriverAssert(m_Buffer != NULL);
+    DriverAssertAs("urb != NULL", urb != nullptr);
+    DriverAssertAs("m_Buffer != NULL", m_Buffer != nullptr);
     DriverAssert(m_NumPackets > 0);
-    DriverAssert(m_PipeHandle != NULL);
+    DriverAssertAs("m_PipeHandle != NULL", m_PipeHandle != nullptr);
 
     RtlZeroMemory(urb, kIsochUrbHeaderBytes);
     urb->Hdr.Length = static_cast<USHORT>(IsochUrbBytes(m_NumPackets));
@@ -84,9 +84,7 @@ bool CIsocUrb::IsPending() const {
 }
 
 void CIsocUrb::SetTransferLength(ULONG size) {
-    if (size > m_BufferSize) {
-        ReportAssertion("size <= m_BufferSize", "usbdriver/audstream.h", __LINE__);
-    }
+    DriverAssertAs("size <= m_BufferSize", size <= m_BufferSize, "usbdriver/audstream.h");
     m_TransferLength = size;
 }
 

@@ -2,13 +2,12 @@
 
 #include <emmintrin.h>
 
-#include <limits>
-
 namespace samples {
 namespace {
 
-constexpr std::int32_t kHighest = std::numeric_limits<std::int32_t>::max();
+constexpr std::int32_t kHighest = 0x7FFFFFFF;
 constexpr std::int32_t kLowest = -kHighest;
+constexpr std::int32_t kMostNegative = kLowest - 1; // never the result of a sum
 
 template <typename T>
 T Load(const std::byte* from) {
@@ -60,9 +59,8 @@ __m128i AddSaturated(__m128i a, __m128i b) {
     const __m128i end = _mm_xor_si128(_mm_srai_epi32(a, 31), _mm_set1_epi32(kHighest));
     const __m128i bounded =
         _mm_or_si128(_mm_and_si128(overflow, end), _mm_andnot_si128(overflow, sum));
-    const __m128i mostNegative =
-        _mm_cmpeq_epi32(bounded, _mm_set1_epi32(std::numeric_limits<std::int32_t>::min()));
-    return _mm_sub_epi32(bounded, mostNegative); // a true comparison is -1
+    const __m128i tooLow = _mm_cmpeq_epi32(bounded, _mm_set1_epi32(kMostNegative));
+    return _mm_sub_epi32(bounded, tooLow); // a true comparison is -1
 }
 
 // How a client's samples look as 4-byte ones: one, a pair, or four at a time.

@@ -36,7 +36,7 @@ bool StreamClients::Add(UsbAudioStreamClient* client) {
             numSlots = m_NumSlots + kSlotsToGrow;
         }
         // Taken outside the lock: completions wait for the lock, and must not wait for memory.
-        if (!larger.Allocate(NonPagedPool, numSlots * sizeof(client))) {
+        if (!larger.Allocate(NonPagedPool, numSlots * sizeof(void*))) {
             return false;
         }
     }
