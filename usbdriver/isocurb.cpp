@@ -46,6 +46,9 @@ void CIsocUrb::Build(ULONG startFrame) {
     DriverAssertAs("m_Buffer != NULL", m_Buffer != nullptr);
     DriverAssert(m_NumPackets > 0);
     DriverAssertAs("m_PipeHandle != NULL", m_PipeHandle != nullptr);
+    if (urb == nullptr) {
+        return;
+    }
 
     RtlZeroMemory(urb, kIsochUrbHeaderBytes);
     urb->Hdr.Length = static_cast<USHORT>(IsochUrbBytes(m_NumPackets));
