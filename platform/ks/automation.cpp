@@ -271,7 +271,7 @@ NTSTATUS defaultValues(IRP& irp, RequestBuffers& buffers, const Automation& auto
 }
 
 NTSTATUS propertyRequest(IRP& irp, RequestBuffers& buffers, const Automation& automation) {
-    switch (buffers.identifier()->Flags & ~KSPROPERTY_TYPE_TOPOLOGY) {
+    switch (buffers.identifier()->Flags & ~kTopologyFlag) {
     case KSPROPERTY_TYPE_GET:
         return getProperty(irp, buffers, automation);
     case KSPROPERTY_TYPE_SET:
@@ -311,13 +311,13 @@ NTSTATUS callMethod(IRP& irp, RequestBuffers& buffers, const KSMETHOD_SET& set,
 
 NTSTATUS methodRequest(IRP& irp, RequestBuffers& buffers, const Automation& automation) {
     const KSIDENTIFIER& identifier = *buffers.identifier();
-    const ULONG verb = identifier.Flags & ~KSMETHOD_TYPE_TOPOLOGY;
+    const ULONG verb = identifier.Flags & ~kTopologyFlag;
     if (verb == KSMETHOD_TYPE_SETSUPPORT) {
         buffers.copyBack = true;
         return setSupport<KSMETHOD_SET>(irp, automation, identifier.Set);
     }
     // Besides KSMETHOD_TYPE_SEND, callers give the item's own direction.
-    if (verb != KSMETHOD_TYPE_BASICSUPPORT && (verb & ~(KSMETHOD_TYPE_MODIFY)) != 0) {
+    if (verb != KSMETHOD_TYPE_BASICSUPPORT && verb > KSMETHOD_TYPE_MODIFY) {
         return STATUS_INVALID_PARAMETER;
     }
     const auto found = find<KSMETHOD_SET>(automation, identifier, [](const KSMETHOD_ITEM& item) {

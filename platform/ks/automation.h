@@ -8,6 +8,9 @@
 
 namespace kelvane::ks {
 
+// KSPROPERTY_TYPE_TOPOLOGY, KSMETHOD_TYPE_TOPOLOGY and KSEVENT_TYPE_TOPOLOGY.
+inline constexpr ULONG kTopologyFlag = KSPROPERTY_TYPE_TOPOLOGY;
+
 struct Automation {
     const KSAUTOMATION_TABLE* driver;  // may be null
     const KSAUTOMATION_TABLE* builtIn; // may be null

@@ -109,7 +109,7 @@ NTSTATUS NTAPI KsInitializeDriver(PDRIVER_OBJECT DriverObject, PUNICODE_STRING,
                                   const KSDEVICE_DESCRIPTOR* Descriptor) {
     DriverObject->DriverExtension->AddDevice = KsAddDevice;
     DriverObject->DriverUnload = KsNullDriverUnload;
-    for (const ULONG major : {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE, IRP_MJ_DEVICE_CONTROL}) {
+    for (const int major : {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE, IRP_MJ_DEVICE_CONTROL}) {
         DriverObject->MajorFunction[major] = KsDispatchIrp;
     }
     DriverObject->MajorFunction[IRP_MJ_PNP] = KsDefaultDispatchPnp;

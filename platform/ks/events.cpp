@@ -164,7 +164,7 @@ NTSTATUS addEvent(IRP& irp, RequestBuffers& buffers, Object& object, const Found
 NTSTATUS eventRequest(IRP& irp, RequestBuffers& buffers, Object& object,
                       const Automation& automation) {
     const KSIDENTIFIER& identifier = *buffers.identifier();
-    const ULONG verb = identifier.Flags & ~KSEVENT_TYPE_TOPOLOGY;
+    const ULONG verb = identifier.Flags & ~kTopologyFlag;
     if (verb == KSEVENT_TYPE_SETSUPPORT) {
         buffers.copyBack = true;
         return eventSetSupport(irp, automation, identifier.Set);
