@@ -48,6 +48,8 @@ public:
 
     // Null when the machine lets this allocation fail. `routine` is what the caller called.
     void* allocate(POOL_TYPE type, std::size_t bytes, ULONG tag, const char* routine);
+    // Non-paged memory for a structure of the kernel's own: never fails, and is not counted.
+    void* allocateOwn(std::size_t bytes, ULONG tag);
     // A tag of 0 fits every block.
     void free(void* block, ULONG tag, const char* routine);
 
@@ -84,7 +86,8 @@ private:
     };
     struct Complaint;
 
-    Block makeBlock(std::size_t bytes) const;
+    static Block makeBlock(std::size_t bytes);
+    void* keep(Block block, ULONG tag, bool paged);
     static std::size_t footprint(const Block& block);
     static std::optional<std::size_t> damagedGuard(const Block& block);
     static std::optional<std::size_t> damagedPoison(const Block& block);
@@ -104,5 +107,7 @@ private:
 
 // Reports a breach when the memory is paged and the IRQL is above APC_LEVEL. `what` names it.
 bool accessible(const void* address, const char* what, const char* routine = __builtin_FUNCTION());
+// The same at every IRQL, for what the kernel itself keeps using: events, timers, locks.
+bool resident(const void* address, const char* what, const char* routine = __builtin_FUNCTION());
 
 } // namespace kelvane::nt

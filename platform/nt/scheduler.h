@@ -44,6 +44,9 @@ public:
     virtual void stall(Time span) = 0;
     // Events that have not run.
     virtual std::size_t pending() const = 0;
+    // Returns when no routine that had begun before the call still runs. Cancel first: then what
+    // the routines use may go. On the thread that runs events it returns at once.
+    virtual void flush() = 0;
 
     // The rest serves the kernel's own files. `lock` holds the dispatcher database's mutex.
 
@@ -54,9 +57,13 @@ public:
     virtual void wake(Thread& thread) = 0;
     // Makes a new thread ready to run, on the operating-system thread that it carries.
     virtual void start(Thread& thread) = 0;
+    // Lets every thread that is ready run until it waits; no event runs.
+    virtual void yield(Thread& self) = 0;
     // The first call of a new thread, and its last.
     virtual void entered(Thread& self) = 0;
     virtual void leaving(Thread& self) = 0;
+    // No event runs any more. Called once, before the destructor.
+    virtual void stop() = 0;
 };
 
 } // namespace kelvane::nt

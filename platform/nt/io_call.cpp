@@ -1,0 +1,192 @@
+// IRPs on their way down a device stack, and back up.
+#include "platform/nt/kernel.h"
+
+#include "platform/nt/backtrace.h"
+#include "platform/nt/callback.h"
+#include "platform/nt/devices.h"
+#include "platform/nt/irps.h"
+#include "platform/nt/machine.h"
+#include "platform/nt/thread.h"
+
+#include <fmt/format.h>
+
+#include <cstring>
+
+using namespace kelvane::nt;
+
+namespace {
+
+bool hasRoom(const DEVICE_OBJECT* device, const IRP* irp, const char* routine) {
+    const int left = irp->CurrentLocation - 1;
+    if (left >= device->StackSize) {
+        return true;
+    }
+    breach(Rule::IrpStack, routine,
+           fmt::format("IRP {} has {} of {} stack location(s) left, and the device below needs {}",
+                       fmt::ptr(irp), left, irp->StackCount, device->StackSize));
+    return left > 0;
+}
+
+// What the routine returned must agree with what it did to the IRP.
+void checkReturn(const CallFrame& frame, NTSTATUS status, const void* routine) {
+    if (frame.forwarded) {
+        return; // the status is what the driver below returned, or will be known later
+    }
+    const bool completed = frame.completed || frame.gone;
+    std::string fault;
+    Rule rule = Rule::IrpPending;
+    if (status == STATUS_PENDING && frame.marked) {
+        return;
+    }
+    if (status == STATUS_PENDING && (frame.completed || !frame.gone)) {
+        fault = "returned STATUS_PENDING for an IRP that it had not marked pending";
+    } else if (status != STATUS_PENDING && frame.marked) {
+        fault =
+            fmt::format("marked the IRP pending and returned {:#x}", static_cast<ULONG>(status));
+    } else if (status != STATUS_PENDING && !completed) {
+        rule = Rule::IrpState;
+        fault =
+            fmt::format("returned {:#x} without completing the IRP", static_cast<ULONG>(status));
+    } else if (frame.completed && status != STATUS_PENDING && status != frame.status) {
+        rule = Rule::IrpStatus;
+        fault = fmt::format("completed the IRP with {:#x} and returned {:#x}",
+                            static_cast<ULONG>(frame.status), static_cast<ULONG>(status));
+    }
+    if (!fault.empty()) {
+        breach(rule, "IoCallDriver",
+               fmt::format("the dispatch routine {} {}", describeAddress(routine), fault));
+    }
+}
+
+bool wantsCompletion(const IRP* irp, UCHAR control) {
+    const bool success = NT_SUCCESS(irp->IoStatus.Status);
+    return (success && (control & SL_INVOKE_ON_SUCCESS) != 0) ||
+           (!success && (control & SL_INVOKE_ON_ERROR) != 0) ||
+           (irp->Cancel != FALSE && (control & SL_INVOKE_ON_CANCEL) != 0);
+}
+
+// A completed request's parameters are gone: nobody above may look at them.
+void clearLocation(IO_STACK_LOCATION& location) {
+    location.MinorFunction = 0;
+    location.Flags = 0;
+    location.Control = 0;
+    location.FileObject = nullptr;
+    std::memset(&location.Parameters, 0, sizeof(location.Parameters));
+}
+
+bool mayComplete(IRP* irp, const IrpState& state, const char* routine) {
+    if (!state.sent || irp->CurrentLocation > irp->StackCount) {
+        breach(
+            Rule::IrpState, routine,
+            fmt::format("IRP {} is not on its way: completed twice, or never sent", fmt::ptr(irp)));
+        return false;
+    }
+    if (irp->IoStatus.Status == STATUS_PENDING ||
+        static_cast<ULONG>(irp->IoStatus.Status) == 0xFFFFFFFF) {
+        breach(Rule::IrpStatus, routine,
+               fmt::format("IRP {} completed with status {:#x}", fmt::ptr(irp),
+                           static_cast<ULONG>(irp->IoStatus.Status)));
+        irp->IoStatus.Status = STATUS_UNSUCCESSFUL;
+    }
+    if (irp->CancelRoutine != nullptr) {
+        breach(Rule::IrpState, routine,
+               fmt::format("IRP {} completed with its cancel routine still set", fmt::ptr(irp)));
+        irp->CancelRoutine = nullptr;
+    }
+    return true;
+}
+
+// One step up the stack. True when the IRP is somebody else's from here on.
+bool stepUp(IRP* irp, IrpState& state, Thread& self) {
+    IO_STACK_LOCATION& location = *IoGetCurrentIrpStackLocation(irp);
+    Machine::current().irps().noteCompletion(state, irp);
+    const UCHAR control = location.Control;
+    irp->PendingReturned = (control & SL_PENDING_RETURNED) != 0;
+    const PIO_COMPLETION_ROUTINE routine = location.CompletionRoutine;
+    void* context = location.Context;
+    clearLocation(location);
+    irp->CurrentLocation++;
+    irp->Tail.Overlay.CurrentStackLocation++;
+    const bool atTop = irp->CurrentLocation > irp->StackCount;
+    if (!wantsCompletion(irp, control)) {
+        if (irp->PendingReturned != FALSE && !atTop) {
+            IoMarkIrpPending(irp);
+        }
+        return false;
+    }
+    DEVICE_OBJECT* device = atTop ? nullptr : IoGetCurrentIrpStackLocation(irp)->DeviceObject;
+    if (irp->CurrentLocation == state.ownerLocation) {
+        state.sent = false; // back with its owner, who may reuse or free it in the routine
+    }
+    NTSTATUS status;
+    {
+        const CallbackGuard callback(self, "completion routine",
+                                     reinterpret_cast<const void*>(routine));
+        status = routine(device, irp, context);
+    }
+    return status == STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+} // namespace
+
+extern "C" {
+
+NTSTATUS NTAPI IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    constexpr const char* kName = "IoCallDriver";
+    irqlAtMost(DISPATCH_LEVEL, kName);
+    IrpTable& irps = Machine::current().irps();
+    IrpState* state = irps.find(Irp, kName);
+    if (state == nullptr || !isDevice(DeviceObject, kName) || !hasRoom(DeviceObject, Irp, kName)) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    CallFrame frame;
+    irps.enter(*state, Irp, frame);
+    IO_STACK_LOCATION& location = *IoGetCurrentIrpStackLocation(Irp);
+    location.DeviceObject = DeviceObject;
+    const UCHAR major = location.MajorFunction;
+    if (major > IRP_MJ_MAXIMUM_FUNCTION) {
+        breach(Rule::IrpStack, kName, fmt::format("there is no major function {:#x}", major));
+        location.MajorFunction = 0;
+    }
+    const PDRIVER_DISPATCH routine =
+        DeviceObject->DriverObject->MajorFunction[location.MajorFunction];
+    NTSTATUS status;
+    {
+        const CallbackGuard callback(Thread::current(), "dispatch routine",
+                                     reinterpret_cast<const void*>(routine));
+        status = routine(DeviceObject, Irp);
+    }
+    irps.leave(Irp, frame);
+    checkReturn(frame, status, reinterpret_cast<const void*>(routine));
+    return status;
+}
+
+NTSTATUS NTAPI PoCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    return IofCallDriver(DeviceObject, Irp);
+}
+
+void NTAPI PoStartNextPowerIrp(PIRP) {} // nothing to do since Windows Vista
+
+void NTAPI IofCompleteRequest(PIRP Irp, CCHAR) {
+    constexpr const char* kName = "IoCompleteRequest";
+    irqlAtMost(DISPATCH_LEVEL, kName);
+    IrpTable& irps = Machine::current().irps();
+    IrpState* state = irps.find(Irp, kName);
+    if (state == nullptr || !mayComplete(Irp, *state, kName)) {
+        return;
+    }
+    Thread& self = Thread::current();
+    while (Irp->CurrentLocation <= Irp->StackCount) {
+        if (stepUp(Irp, *state, self)) {
+            return;
+        }
+        if (!irps.known(Irp)) {
+            breach(Rule::IrpState, kName,
+                   "a completion routine freed the IRP and did not return "
+                   "STATUS_MORE_PROCESSING_REQUIRED");
+            return;
+        }
+    }
+    finishIrp(Irp, *state);
+}
+}

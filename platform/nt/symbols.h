@@ -1,0 +1,18 @@
+// Names for code addresses, from the symbol tables of the running program's own files.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace kelvane::nt {
+
+struct Symbol {
+    std::string function;      // demangled; empty when the module has none there
+    std::uintptr_t offset = 0; // into the function
+    std::string module;        // file name without its folder; empty outside of every module
+    std::uintptr_t place = 0;  // into the module, as its symbol table counts
+};
+
+Symbol symbolOf(const void* address);
+
+} // namespace kelvane::nt

@@ -1,0 +1,66 @@
+#include "platform/nt/thread.h"
+
+#include "platform/nt/dispatcher.h"
+#include "platform/nt/machine.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+namespace kelvane::nt {
+
+namespace {
+
+constexpr ULONG_PTR kSystemProcess = 4;
+constexpr ULONG_PTR kApplicationProcess = 0x1A2C;
+
+thread_local Thread* t_current = nullptr;
+thread_local const Machine* t_machine = nullptr; // whose thread t_current is
+
+} // namespace
+
+Thread::Thread(Machine& owner, unsigned number, std::string title)
+    : machine(owner), id(number), name(std::move(title)),
+      process(number == 0 ? kApplicationProcess : kSystemProcess) {
+    InitializeListHead(&dpcs);
+}
+
+unsigned Thread::processor() const {
+    return machine.scheduler().kind() == ClockKind::Virtual ? 0 : id;
+}
+
+Thread* Thread::currentOrNull() {
+    Machine* machine = Machine::currentOrNull();
+    if (machine == nullptr) {
+        return nullptr;
+    }
+    if (t_machine == machine && t_current != nullptr) {
+        return t_current;
+    }
+    if (machine->scheduler().kind() == ClockKind::Virtual) {
+        std::fputs(
+            "a thread that the machine did not start calls its kernel, on the virtual clock\n",
+            stderr);
+        std::abort();
+    }
+    Thread& made = machine->dispatcher().addThread("attached");
+    made.process = kApplicationProcess;
+    setCurrent(&made);
+    return &made;
+}
+
+Thread& Thread::current() {
+    Thread* thread = currentOrNull();
+    if (thread == nullptr) {
+        std::fputs("a kernel routine was called, but there is no machine\n", stderr);
+        std::abort();
+    }
+    return *thread;
+}
+
+void Thread::setCurrent(Thread* thread) {
+    t_current = thread;
+    t_machine = thread == nullptr ? nullptr : &thread->machine;
+}
+
+} // namespace kelvane::nt
