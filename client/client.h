@@ -13,12 +13,17 @@
 #include <string>
 #include <vector>
 
+namespace kelvane::devices {
+class AudioSink;
+}
+
 namespace kelvane::client {
 
 // A request that the driver or the class driver refused.
 class StatusError : public std::runtime_error {
 public:
-    StatusError(const std::string& what, std::uint32_t status);
+    // `details` may follow, on lines of their own.
+    StatusError(const std::string& what, std::uint32_t status, const std::string& details = {});
     std::uint32_t status() const { return m_status; } // an NTSTATUS
 
 private:
@@ -28,7 +33,8 @@ private:
 // "STATUS_NO_MATCH" and the like; hexadecimal when it has no name here.
 std::string statusName(std::uint32_t status);
 
-// What a person named can't be used: a file, a dump, a model, an option. The text says what and why.
+// What a person named can't be used: a file, a dump, a model, an option. The text says what and
+// why.
 class InputError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -36,11 +42,15 @@ public:
 
 enum class Clock { Virtual, Real };
 
+// The longest transfer that the bus takes, in 1 ms frames: 1024 packets of one microframe.
+constexpr std::uint32_t kMaximumTransferFrames = 128;
+
 struct SystemOptions {
-    std::string device = "stereo-out";           // a built-in model, or the path of a descriptor dump
-    std::optional<std::uint16_t> asVendor;       // present the device under this vendor ID
-    double ppm = 0.0;                            // the device's sample clock against bus time
-    std::string outputFile;                      // where the device's converter writes; may be empty
+    std::string device = "stereo-out";     // a built-in model, or the path of a descriptor dump
+    std::optional<std::uint16_t> asVendor; // present the device under this vendor ID
+    double ppm = 0.0;                      // the device's sample clock against bus time
+    std::string outputFile; // the WAV file of what the device's converter plays; may be empty
+    std::shared_ptr<devices::AudioSink> sink;    // takes it in place of a file; may be null
     std::optional<std::uint32_t> transferFrames; // "UrbSize" in the driver's key, 1 ms frames
     std::optional<std::uint32_t> savedRate;      // "SampleRate" in the driver's key, Hz
     std::uint32_t completionDelay = 0;           // microframes from a transfer's last packet on
@@ -98,14 +108,14 @@ struct EndpointInfo {
 struct InterfaceInfo {
     std::uint32_t number = 0;
     std::uint32_t chosenSetting = 0; // the last setting other than 0 that the driver selected
-    std::string what;                // "AudioControl", "AudioStreaming", "MIDIStreaming", "DFU", ...
+    std::string what; // "AudioControl", "AudioStreaming", "MIDIStreaming", "DFU", ...
     std::vector<EndpointInfo> endpoints; // of the chosen setting
 };
 
 struct ClockInfo {
     std::uint8_t id = 0;
     std::string name;
-    std::string type;                 // "Internal programmable Clock" and the like
+    std::string type;                 // "internal programmable clock" and the like
     std::vector<std::uint32_t> rates; // Hz
     std::uint32_t rate = 0;           // Hz, now
 };
@@ -124,8 +134,8 @@ struct FilterInfo {
 struct PcmFormat {
     std::uint32_t rate = 48000; // Hz
     std::uint16_t channels = 2;
-    std::uint16_t bits = 16;            // valid bits, left-justified in the container
-    std::uint16_t bytesPerSample = 2;   // the container
+    std::uint16_t bits = 16;          // valid bits, left-justified in the container
+    std::uint16_t bytesPerSample = 2; // the container
     std::uint32_t frameBytes() const { return std::uint32_t{channels} * bytesPerSample; }
 };
 
@@ -147,12 +157,17 @@ public:
     void run();
     void stop();
 
-    // The largest buffer the pin asks for, in bytes: one transfer's worth of audio.
+    const PcmFormat& format() const;
+    // The buffer that the pin asks for, in bytes: one transfer's worth of audio.
     std::uint32_t bufferBytes() const;
+    std::uint32_t transferFrames() const; // in force, 1 ms bus frames
     // Queues a copy of `frames` (whole sample frames). Returns at once.
     void write(std::span<const std::byte> frames);
     // Waits, in the machine's time, until at most `left` queued buffers remain. False on time-out.
     bool waitForQueue(std::size_t left, std::uint32_t milliseconds);
+    // No more data will come: waits until the last of it has left the interface's converter. False
+    // on time-out.
+    bool drain(std::uint32_t milliseconds);
     std::size_t queued() const;
     std::uint64_t bytesPlayed() const; // the pin's position
     LatencyStatistics latency() const;
@@ -192,13 +207,13 @@ public:
     System& operator=(const System&) = delete;
 
     FilterInfo describe();
-    // The filter's first render pin, opened. Throws StatusError when no pin takes the format.
+    std::optional<PinInfo> renderPin(); // the filter's first
+    // That pin, opened. Throws StatusError when there is none or it doesn't take the format.
     RenderStream openRender(const PcmFormat& format);
     void sleep(std::uint32_t milliseconds); // in the machine's time
     double seconds() const;                 // the machine's time since it was made
 
-    std::uint32_t transferFrames() const; // in force, 1 ms frames
-    std::vector<std::uint32_t> rates();   // that the interface's clock offers, Hz
+    std::vector<std::uint32_t> rates(); // that the interface's clock offers, Hz, ascending
     BusCounters busCounters() const;
     DeviceCounters deviceCounters() const;
     std::vector<std::string> warnings() const; // trace lines that tell of trouble, in order

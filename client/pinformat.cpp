@@ -1,0 +1,35 @@
+#include "client/pinformat.h"
+
+namespace kelvane::client {
+
+AudioDataFormat makeDataFormat(const PcmFormat& format) {
+    AudioDataFormat data{};
+    data.header.FormatSize = sizeof data;
+    data.header.SampleSize = format.frameBytes();
+    data.header.MajorFormat = {STATIC_KSDATAFORMAT_TYPE_AUDIO};
+    data.header.SubFormat = {STATIC_KSDATAFORMAT_SUBTYPE_PCM};
+    data.header.Specifier = {STATIC_KSDATAFORMAT_SPECIFIER_WAVEFORMATEX};
+    data.wave = {.wFormatTag = WAVE_FORMAT_PCM,
+                 .nChannels = format.channels,
+                 .nSamplesPerSec = format.rate,
+                 .nAvgBytesPerSec = format.rate * format.frameBytes(),
+                 .nBlockAlign = static_cast<USHORT>(format.frameBytes()),
+                 .wBitsPerSample = format.bits,
+                 .cbSize = 0};
+    return data;
+}
+
+PinConnection makeConnection(std::uint32_t pin, const PcmFormat& format) {
+    PinConnection connection{};
+    connection.connect.Interface.Set = {STATIC_KSINTERFACESETID_Standard};
+    connection.connect.Interface.Id = KSINTERFACE_STANDARD_STREAMING;
+    connection.connect.Medium.Set = {STATIC_KSMEDIUMSETID_Standard};
+    connection.connect.Medium.Id = KSMEDIUM_STANDARD_DEVIO;
+    connection.connect.PinId = pin;
+    connection.connect.PinToHandle = nullptr;
+    connection.connect.Priority = {.PriorityClass = KSPRIORITY_NORMAL, .PrioritySubClass = 1};
+    connection.format = makeDataFormat(format);
+    return connection;
+}
+
+} // namespace kelvane::client

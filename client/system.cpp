@@ -1,0 +1,252 @@
+#include "client/buswatch.h"
+#include "client/client.h"
+#include "client/interfaces.h"
+#include "client/kshandle.h"
+#include "client/pinformat.h"
+#include "client/renderstream.h"
+#include "client/topology.h"
+#include "client/troubles.h"
+#include "devices/error.h"
+#include "devices/models.h"
+#include "devices/wav_sink.h"
+#include "platform/nt/machine.h"
+#include "platform/nt/pnp.h"
+#include "platform/nt/text.h"
+#include "platform/usb/bus.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+
+extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
+
+namespace kelvane::client {
+namespace {
+
+constexpr const char16_t* kService = u"kelvane";
+
+nt::MachineOptions machineOptions(const SystemOptions& options, Troubles& troubles) {
+    nt::MachineOptions machine;
+    machine.clock = options.clock == Clock::Real ? nt::ClockKind::Real : nt::ClockKind::Virtual;
+    machine.trace = [trace = options.trace, &troubles](const nt::TraceRecord& record) {
+        troubles.consider(record.text);
+        if (trace) {
+            trace(nt::format(record));
+        }
+    };
+    if (options.breaches) {
+        machine.breaches = [report = options.breaches](const nt::Breach& breach) {
+            report(breach.report());
+        };
+    }
+    return machine;
+}
+
+// The driver publishes its filter under this category, among others.
+std::u16string findFilter(DEVICE_OBJECT* pdo) {
+    const GUID category = {STATIC_KSCATEGORY_AUDIO};
+    WCHAR* list = nullptr;
+    const NTSTATUS status = IoGetDeviceInterfaces(&category, pdo, 0, &list);
+    if (!NT_SUCCESS(status)) {
+        throw StatusError("the driver's filter can't be found", static_cast<std::uint32_t>(status));
+    }
+    std::u16string link = nt::copyString(list); // the first; there is one per device
+    ExFreePool(list);
+    return link;
+}
+
+} // namespace
+
+struct System::Parts {
+    explicit Parts(const SystemOptions& asked);
+    ~Parts();
+
+    void openDevice();
+    void start();
+    [[noreturn]] void refuse(const std::string& what, NTSTATUS status) const;
+
+    SystemOptions options;
+    Troubles troubles;
+    BusWatch watch;
+    std::shared_ptr<devices::WavSink> file; // null when the converter's output goes elsewhere
+    std::shared_ptr<devices::SimulatedInterface> device;
+    nt::Machine machine;
+    DRIVER_OBJECT* driver = nullptr;
+    DEVICE_OBJECT* pdo = nullptr;
+    bool started = false;
+    std::u16string link; // of the filter
+    std::optional<KsFile> filter;
+};
+
+System::Parts::Parts(const SystemOptions& asked)
+    : options(asked), machine(machineOptions(options, troubles)) {}
+
+System::Parts::~Parts() {
+    filter.reset();
+    auto& bus = machine.service<usb::UsbBus>();
+    if (started) {
+        nt::removeDevice(pdo);
+    }
+    if (pdo != nullptr) {
+        bus.detach(pdo);
+    }
+    bus.removeObserver(watch);
+    if (driver != nullptr) {
+        nt::unloadDriver(driver);
+    }
+}
+
+void System::Parts::openDevice() {
+    devices::DeviceOptions deviceOptions;
+    deviceOptions.ppm = options.ppm;
+    deviceOptions.asVendor = options.asVendor;
+    deviceOptions.sink = options.sink;
+    try {
+        if (!options.outputFile.empty()) {
+            file = std::make_shared<devices::WavSink>(options.outputFile);
+            deviceOptions.sink = file;
+        }
+        device = devices::makeDevice(options.device, deviceOptions);
+    } catch (const devices::DeviceError& error) {
+        throw InputError(error.what());
+    }
+}
+
+void System::Parts::start() {
+    NTSTATUS status = STATUS_SUCCESS;
+    driver = nt::loadDriver(DriverEntry, kService, &status);
+    if (driver == nullptr) {
+        refuse("the driver can't be loaded", status);
+    }
+    usb::AttachOptions attach;
+    attach.completionDelay = options.completionDelay;
+    attach.completionJitter = options.completionJitter;
+    auto& bus = machine.service<usb::UsbBus>();
+    bus.addObserver(watch);
+    pdo = bus.attach(device, attach);
+    const std::u16string key = nt::driverKeyPath(pdo);
+    if (options.transferFrames) {
+        machine.registry().setDword(key, u"UrbSize", *options.transferFrames);
+    }
+    if (options.savedRate) {
+        machine.registry().setDword(key, u"SampleRate", *options.savedRate);
+    }
+    status = nt::startDevice(driver, pdo);
+    if (!NT_SUCCESS(status)) {
+        refuse(fmt::format("{}: the driver refuses the device", options.device), status);
+    }
+    started = true;
+    link = findFilter(pdo);
+    filter.emplace(KsFile::openFilter(link));
+}
+
+void System::Parts::refuse(const std::string& what, NTSTATUS status) const {
+    std::string reasons;
+    for (const std::string& line : troubles.lines()) {
+        reasons += "\n  " + line;
+    }
+    const std::uint16_t vendor = device->descriptors().vendor;
+    constexpr std::uint16_t kOther = 0x20B1; // the driver takes this one beside its maker's own
+    if (status == STATUS_NOT_SUPPORTED && vendor != KELVANE_VENDOR_ID && vendor != kOther) {
+        reasons += fmt::format("\n  the driver takes the vendor IDs {:04x} and {:04x}, not {:04x}",
+                               KELVANE_VENDOR_ID, kOther, vendor);
+    }
+    throw StatusError(what, static_cast<std::uint32_t>(status), reasons);
+}
+
+System::System(const SystemOptions& options) : m_parts(std::make_unique<Parts>(options)) {
+    m_parts->openDevice();
+    m_parts->start();
+}
+
+System::~System() = default;
+
+FilterInfo System::describe() {
+    FilterInfo info;
+    info.friendlyName = readFriendlyName(m_parts->link);
+    info.symbolicLink = nt::toUtf8(m_parts->link);
+    info.pins = readPins(*m_parts->filter);
+    readTopology(*m_parts->filter, info);
+    const auto& configurations = m_parts->device->descriptors().configurations;
+    if (!configurations.empty()) { // the driver selects the first
+        info.interfaces = readInterfaces(configurations.front(), m_parts->watch);
+        info.clocks = readClocks(configurations.front(), m_parts->watch);
+    }
+    return info;
+}
+
+std::optional<PinInfo> System::renderPin() {
+    const auto pins = readPins(*m_parts->filter);
+    const auto found = std::find_if(pins.begin(), pins.end(), [](const PinInfo& pin) {
+        return pin.intoFilter && pin.communication == "sink" && !pin.formats.empty() &&
+               pin.formats.front().subformat == "PCM";
+    });
+    return found != pins.end() ? std::optional(*found) : std::nullopt;
+}
+
+RenderStream System::openRender(const PcmFormat& format) {
+    const auto pin = renderPin();
+    if (!pin) {
+        throw StatusError("the filter has no render pin",
+                          static_cast<std::uint32_t>(STATUS_NOT_FOUND));
+    }
+    const PinConnection connection = makeConnection(pin->id, format);
+    return RenderStream(std::make_unique<RenderStream::Parts>(
+        m_parts->filter->createPin(bytesOf(connection)), format, m_parts->troubles,
+        [this](std::uint32_t milliseconds) { sleep(milliseconds); }));
+}
+
+void System::sleep(std::uint32_t milliseconds) {
+    LARGE_INTEGER interval{};
+    interval.QuadPart = -static_cast<LONGLONG>(nt::kMillisecond) * milliseconds;
+    KeDelayExecutionThread(KernelMode, FALSE, &interval);
+}
+
+double System::seconds() const {
+    return static_cast<double>(m_parts->machine.scheduler().now()) / (1000.0 * nt::kMillisecond);
+}
+
+std::vector<std::uint32_t> System::rates() {
+    auto rates = m_parts->watch.clockRates(m_parts->watch.clockInUse());
+    std::sort(rates.begin(), rates.end());
+    return rates;
+}
+
+BusCounters System::busCounters() const {
+    const auto counters = m_parts->machine.service<usb::UsbBus>().counters(m_parts->pdo);
+    return {.transfers = counters.transfers,
+            .packets = counters.packets,
+            .bytes = counters.bytes,
+            .errors = counters.errors};
+}
+
+DeviceCounters System::deviceCounters() const {
+    const devices::OutputCounters counters = m_parts->device->outputCounters();
+    return {.framesReceived = counters.framesReceived,
+            .framesPlayed = counters.framesPlayed,
+            .underruns = counters.underruns,
+            .overruns = counters.overruns,
+            .measuredRate = counters.measuredRate()};
+}
+
+std::vector<std::string> System::warnings() const {
+    return m_parts->troubles.lines();
+}
+
+std::uint64_t System::poolAllocations() const {
+    return m_parts->machine.pool().counters().allocations;
+}
+
+void System::finishDeviceOutput() {
+    m_parts->device->playOut();
+    if (m_parts->file) {
+        try {
+            m_parts->file->finish();
+        } catch (const devices::DeviceError& error) {
+            throw InputError(error.what());
+        }
+    }
+}
+
+} // namespace kelvane::client

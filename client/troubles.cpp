@@ -1,0 +1,74 @@
+#include "client/troubles.h"
+
+#include <algorithm>
+#include <array>
+
+namespace kelvane::client {
+namespace {
+
+using namespace std::string_view_literals;
+
+// The forms that the driver's failure traces take.
+constexpr std::array kMarks = {
+    "ERROR"sv,
+    "Error"sv,
+    "error "sv,
+    "FAILED"sv,
+    "failed"sv,
+    "Warning"sv,
+    "Assertion"sv,
+    "!!"sv,
+    "ASSERT_IRQL"sv,
+    "rejecting"sv,
+    "Rejecting"sv,
+    "Unsupported"sv,
+    "too small"sv,
+    "too many times"sv,
+    "Packet "sv,
+    "locked to another"sv,
+    "Pageable code called"sv,
+};
+
+// Failures that are part of every healthy run.
+constexpr std::array kHarmless = {
+    "RegQueryValue("sv,                   // a value that was never set
+    "LoadDriverParameters - ZwOpenKey"sv, // no parameters: the defaults hold
+    "!_clockSelectorID"sv,                // a device with a single clock
+};
+
+bool hasAny(std::string_view line, const auto& texts) {
+    return std::any_of(texts.begin(), texts.end(), [&](std::string_view text) {
+        return line.find(text) != std::string_view::npos;
+    });
+}
+
+} // namespace
+
+bool tellsOfTrouble(std::string_view line) {
+    return hasAny(line, kMarks) && !hasAny(line, kHarmless);
+}
+
+bool tellsOfStarvation(std::string_view line) {
+    return line.find("only processed") != std::string_view::npos ||
+           line.find("KsPinGetLeadingEdgeStreamPointer") != std::string_view::npos;
+}
+
+void Troubles::consider(std::string_view line) {
+    if (!tellsOfTrouble(line) || (m_starvationExpected && tellsOfStarvation(line))) {
+        return;
+    }
+    while (!line.empty() && (line.back() == '\n' || line.back() == ' ')) {
+        line.remove_suffix(1);
+    }
+    const std::lock_guard guard(m_mutex);
+    if (m_lines.size() < kKept) {
+        m_lines.emplace_back(line);
+    }
+}
+
+std::vector<std::string> Troubles::lines() const {
+    const std::lock_guard guard(m_mutex);
+    return m_lines;
+}
+
+} // namespace kelvane::client

@@ -1,0 +1,110 @@
+#include "tests/cli/command.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace kelvane::test {
+namespace {
+
+std::filesystem::path makeFolder() {
+    std::string name = (std::filesystem::temp_directory_path() / "kelvane-XXXXXX").string();
+    if (mkdtemp(name.data()) == nullptr) {
+        throw std::runtime_error("no temporary folder");
+    }
+    return name;
+}
+
+std::string contents(const std::filesystem::path& path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+void redirect(const std::filesystem::path& path, int descriptor) {
+    const int file = open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0666);
+    dup2(file, descriptor);
+    close(file);
+}
+
+} // namespace
+
+Workplace::Workplace() : m_folder(makeFolder()), m_streams(makeFolder()) {}
+
+Workplace::~Workplace() {
+    std::filesystem::remove_all(m_folder);
+    std::filesystem::remove_all(m_streams);
+}
+
+std::vector<std::string> Workplace::names() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(m_folder)) {
+        names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+Result Workplace::run(const std::vector<std::string>& arguments) const {
+    return finish(start(arguments));
+}
+
+Result Workplace::runOnTerminal(const std::vector<std::string>& arguments) const {
+    const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (terminal < 0 || grantpt(terminal) != 0 || unlockpt(terminal) != 0) {
+        throw std::runtime_error("no pseudo-terminal");
+    }
+    // Kept open here too, so that what was written can still be read after the command has ended.
+    const std::string name = ptsname(terminal);
+    const int kept = open(name.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    Result result = finish(start(arguments, name));
+    std::string buffer(65536, '\0');
+    fcntl(terminal, F_SETFL, O_NONBLOCK);
+    const ssize_t count = read(terminal, buffer.data(), buffer.size());
+    result.err = buffer.substr(0, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    close(kept);
+    close(terminal);
+    return result;
+}
+
+pid_t Workplace::start(const std::vector<std::string>& arguments) const {
+    return start(arguments, m_streams / "err");
+}
+
+pid_t Workplace::start(const std::vector<std::string>& arguments,
+                       const std::string& errorFile) const {
+    std::vector<std::string> words = {KELVANE_COMMAND};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
+    for (std::string& word : words) {
+        pointers.push_back(word.data());
+    }
+    pointers.push_back(nullptr);
+    const pid_t process = fork();
+    if (process == 0) {
+        redirect(m_streams / "out", STDOUT_FILENO);
+        redirect(errorFile, STDERR_FILENO);
+        if (chdir(m_folder.c_str()) == 0) {
+            execv(pointers[0], pointers.data());
+        }
+        _exit(127);
+    }
+    return process;
+}
+
+Result Workplace::finish(pid_t process) const {
+    int status = 0;
+    waitpid(process, &status, 0);
+    return {.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+            .out = contents(m_streams / "out"),
+            .err = contents(m_streams / "err")};
+}
+
+} // namespace kelvane::test

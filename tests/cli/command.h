@@ -1,0 +1,43 @@
+// Runs the built `kelvane` command as a person would, in a folder of its own.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace kelvane::test {
+
+struct Result {
+    int status = -1; // exit status, or 128 and the signal
+    std::string out;
+    std::string err;
+};
+
+// A folder that goes with the object; commands run in it.
+class Workplace {
+public:
+    Workplace();
+    ~Workplace();
+    Workplace(const Workplace&) = delete;
+    Workplace& operator=(const Workplace&) = delete;
+
+    const std::filesystem::path& folder() const { return m_folder; }
+    std::filesystem::path path(const std::string& name) const { return m_folder / name; }
+    std::vector<std::string> names() const; // of the files in it, sorted
+
+    Result run(const std::vector<std::string>& arguments) const;
+    // With a terminal for standard error.
+    Result runOnTerminal(const std::vector<std::string>& arguments) const;
+    // Starts without waiting.
+    pid_t start(const std::vector<std::string>& arguments) const;
+    pid_t start(const std::vector<std::string>& arguments, const std::string& errorFile) const;
+    Result finish(pid_t process) const;
+
+private:
+    std::filesystem::path m_folder;
+    std::filesystem::path m_streams; // where standard output and error of a run are kept
+};
+
+} // namespace kelvane::test

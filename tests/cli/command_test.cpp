@@ -1,0 +1,446 @@
+// The `kelvane` command over good and bad input: what it prints, how it ends, what it leaves
+// behind.
+#include "tests/cli/command.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sndfile.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <regex>
+#include <thread>
+
+namespace kelvane::test {
+namespace {
+
+using Json = nlohmann::json;
+using Names = std::vector<std::string>;
+
+struct Sound {
+    SF_INFO info{};
+    std::vector<int> samples; // left-justified in 32 bits, interleaved
+};
+
+Sound readSound(const std::filesystem::path& path) {
+    Sound sound;
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &sound.info);
+    if (file == nullptr) {
+        ADD_FAILURE() << path << ": " << sf_strerror(nullptr);
+        return sound;
+    }
+    sound.samples.resize(static_cast<std::size_t>(sound.info.frames * sound.info.channels));
+    sf_readf_int(file, sound.samples.data(), sound.info.frames);
+    sf_close(file);
+    return sound;
+}
+
+void writeSound(const std::filesystem::path& path, int format, int rate, int channels,
+                const std::vector<int>& samples) {
+    SF_INFO info{};
+    info.format = format;
+    info.samplerate = rate;
+    info.channels = channels;
+    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    ASSERT_NE(file, nullptr) << sf_strerror(nullptr);
+    sf_writef_int(file, samples.data(), static_cast<sf_count_t>(samples.size()) / channels);
+    sf_close(file);
+}
+
+// Noise of so many bits that starts with something to be heard.
+std::vector<int> makeNoise(std::size_t count, int bits) {
+    std::mt19937 random(1);
+    std::vector<int> samples(count);
+    for (int& sample : samples) {
+        sample = static_cast<int>(random() & (~0U << (32 - bits)));
+    }
+    std::fill_n(samples.begin(), std::min<std::size_t>(count, 8), 1 << 24);
+    return samples;
+}
+
+void writeText(const std::filesystem::path& path, const std::string& text) {
+    std::ofstream file(path, std::ios::binary);
+    file << text;
+}
+
+// A WAV file byte by byte, so that it can be wrong.
+struct RawWav {
+    std::uint32_t rate = 48000;
+    std::size_t dataBytes = 400;
+    std::uint32_t declaredBytes = 400;
+    std::size_t cutTo = SIZE_MAX;
+};
+
+void writeRaw(const std::filesystem::path& path, const RawWav& wav) {
+    std::string bytes;
+    const auto put = [&](std::uint32_t value, int size) {
+        for (int i = 0; i < size; ++i) {
+            bytes += static_cast<char>(value >> (8 * i));
+        }
+    };
+    bytes += "RIFF";
+    put(static_cast<std::uint32_t>(36 + wav.dataBytes), 4);
+    bytes += "WAVEfmt ";
+    put(16, 4);
+    put(1, 2); // PCM
+    put(2, 2); // channels
+    put(wav.rate, 4);
+    put(wav.rate * 4, 4);
+    put(4, 2);
+    put(16, 2);
+    bytes += "data";
+    put(wav.declaredBytes, 4);
+    bytes.append(wav.dataBytes, '\x11');
+    writeText(path, bytes.substr(0, wav.cutTo));
+}
+
+struct Good {
+    const char* name;
+    int format;
+    int bits; // of the noise in it
+    int rate;
+    int channels;
+    int streamBits;
+};
+
+// What the first frame of `file` on is to be in `heard`, sample for sample, at 24 bits.
+void expectHeard(const Sound& file, const Sound& heard) {
+    const auto side = [&](std::size_t frame, std::size_t channel) {
+        const auto channels = static_cast<std::size_t>(file.info.channels);
+        return file.samples[frame * channels + (channels == 1 ? 0 : channel)] >> 8;
+    };
+    ASSERT_EQ(heard.info.channels, 2);
+    ASSERT_EQ(heard.info.samplerate, file.info.samplerate);
+    const auto first = static_cast<std::size_t>(
+        std::find_if(heard.samples.begin(), heard.samples.end(), [](int s) { return s != 0; }) -
+        heard.samples.begin());
+    ASSERT_EQ(first % 2, 0U) << "the sides are swapped";
+    const auto frames = static_cast<std::size_t>(file.info.frames);
+    ASSERT_GE(heard.samples.size(), first + 2 * frames);
+    for (std::size_t i = first; i < heard.samples.size(); ++i) {
+        const std::size_t frame = (i - first) / 2;
+        ASSERT_EQ(heard.samples[i] >> 8, frame < frames ? side(frame, (i - first) % 2) : 0)
+            << "frame " << frame;
+    }
+}
+
+TEST(Play, HearsEveryKindOfFileBitForBit) {
+    const Good table[] = {
+        {"16 bit", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 16, 44100, 2, 16},
+        {"24 bit", SF_FORMAT_WAV | SF_FORMAT_PCM_24, 24, 96000, 2, 24},
+        {"32 bit", SF_FORMAT_WAV | SF_FORMAT_PCM_32, 32, 48000, 2, 24},
+        {"8 bit", SF_FORMAT_WAV | SF_FORMAT_PCM_U8, 8, 48000, 2, 16},
+        {"floating point", SF_FORMAT_WAV | SF_FORMAT_FLOAT, 24, 192000, 2, 24},
+        {"FLAC", SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 24, 88200, 2, 24},
+        {"AIFF, one channel", SF_FORMAT_AIFF | SF_FORMAT_PCM_16, 16, 48000, 1, 16},
+        {"four channels", SF_FORMAT_WAV | SF_FORMAT_PCM_24, 24, 48000, 4, 24},
+    };
+    for (const Good& good : table) {
+        SCOPED_TRACE(good.name);
+        const Workplace place;
+        const auto channels = static_cast<std::size_t>(good.channels);
+        writeSound(place.path("in"), good.format, good.rate, good.channels,
+                   makeNoise(4801 * channels, good.bits));
+        const Result result = place.run({"play", "in", "--device-output", "heard.wav", "--json"});
+        ASSERT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(result.err, "");
+        const Json report = Json::parse(result.out);
+        EXPECT_EQ(report["version"], 1);
+        EXPECT_EQ(report["framesPlayed"], 4801);
+        EXPECT_EQ(report["stream"]["bits"], good.streamBits);
+        EXPECT_EQ(report["stream"]["rate"], good.rate);
+        EXPECT_EQ(report["notes"].size(), good.channels == 2 ? 0U : 1U);
+        EXPECT_EQ(report["warnings"], Json::array());
+        EXPECT_EQ(report["outputFile"], "heard.wav");
+        expectHeard(readSound(place.path("in")), readSound(place.path("heard.wav")));
+        EXPECT_EQ(place.names(), (Names{"heard.wav", "in"}));
+    }
+}
+
+TEST(Play, HearsARecordingThatIsNotOurs) {
+    const std::filesystem::path recording = "/usr/share/sounds/alsa/Front_Center.wav";
+    if (!std::filesystem::exists(recording)) {
+        GTEST_SKIP() << "Debian's alsa-utils is not installed";
+    }
+    const Workplace place;
+    const Result result = place.run({"play", recording, "--device-output", "heard.wav"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.out.find("one channel, played on both sides"), std::string::npos);
+    Sound file = readSound(recording);
+    const auto first = std::find_if(file.samples.begin(), file.samples.end(),
+                                    [](int sample) { return sample != 0; });
+    file.info.frames -= first - file.samples.begin();
+    file.samples.erase(file.samples.begin(), first);
+    expectHeard(file, readSound(place.path("heard.wav")));
+}
+
+TEST(Play, ConvertsARateThatTheInterfaceLacks) {
+    const struct {
+        int fileRate;
+        Names options;
+        int deviceRate;
+    } table[] = {
+        {22050, {}, 44100},
+        {8000, {}, 48000},
+        {384000, {}, 192000},
+        {48000, {"--rate", "96000"}, 96000},
+    };
+    constexpr double kTone = 1000.0; // Hz
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.fileRate);
+        const Workplace place;
+        std::vector<int> samples;
+        for (int frame = 0; frame < row.fileRate / 4; ++frame) {
+            const double phase = 2 * M_PI * kTone * frame / row.fileRate;
+            samples.insert(samples.end(), 2, static_cast<int>(std::sin(phase) * (1 << 30)));
+        }
+        writeSound(place.path("in.wav"), SF_FORMAT_WAV | SF_FORMAT_PCM_24, row.fileRate, 2,
+                   samples);
+        Names words = {"play", "in.wav", "--device-output", "heard.wav", "--json"};
+        words.insert(words.end(), row.options.begin(), row.options.end());
+        const Result result = place.run(words);
+        ASSERT_EQ(result.status, 0) << result.err;
+        const Json report = Json::parse(result.out);
+        EXPECT_EQ(report["stream"]["rate"], row.deviceRate);
+        EXPECT_EQ(report["notes"][0], "converted from " + std::to_string(row.fileRate) + " Hz to " +
+                                          std::to_string(row.deviceRate) + " Hz");
+        EXPECT_NEAR(report["framesPlayed"].get<int>(), row.deviceRate / 4, 2);
+        // The middle of what was heard is the same tone at the same level.
+        const Sound heard = readSound(place.path("heard.wav"));
+        ASSERT_EQ(heard.info.samplerate, row.deviceRate);
+        double sine = 0;
+        double cosine = 0;
+        const int window = row.deviceRate / 10; // whole periods
+        const auto middle = heard.samples.size() / 4 - static_cast<std::size_t>(window) / 2;
+        for (int i = 0; i < window; ++i) {
+            const double phase = 2 * M_PI * kTone * i / row.deviceRate;
+            const double sample = heard.samples[2 * (middle + static_cast<std::size_t>(i))];
+            sine += sample * std::sin(phase);
+            cosine += sample * std::cos(phase);
+        }
+        EXPECT_NEAR(std::hypot(sine, cosine) * 2 / window / (1 << 30), 1.0, 0.001);
+    }
+}
+
+TEST(Play, RefusesBadInputAndLeavesNothingBehind) {
+    const Workplace place;
+    std::filesystem::create_directory(place.path("folder"));
+    writeText(place.path("empty.wav"), "");
+    writeText(place.path("text.wav"), std::string(600, 'x'));
+    writeRaw(place.path("good.wav"), {});
+    writeRaw(place.path("cut.wav"), {.cutTo = 30});
+    writeRaw(place.path("nodata.wav"), {.cutTo = 38});
+    writeRaw(place.path("silent.wav"), {.dataBytes = 0, .declaredBytes = 0});
+    writeRaw(place.path("norate.wav"), {.rate = 0});
+    writeText(place.path("short.bin"), "\x12\x01");
+    writeText(place.path("wrong.bin"), std::string(60, '\x05'));
+    std::filesystem::create_symlink("/dev/null", place.path("device.wav"));
+    const Names before = place.names();
+    const struct {
+        Names words;
+        const char* message; // a regular expression
+    } table[] = {
+        {{"play", "missing.wav"}, "missing.wav: no such file"},
+        {{"play", "folder"}, "folder: is a directory"},
+        {{"play", "empty.wav"}, "empty.wav: is empty"},
+        {{"play", "text.wav"}, "text.wav: is no audio file.*Format not recognised"},
+        {{"play", "cut.wav"}, "cut.wav: the header is cut off: RIFF announces 436 bytes.*holds 22"},
+        {{"play", "nodata.wav"}, "nodata.wav: the header is cut off"},
+        {{"play", "silent.wav"}, "silent.wav: holds no audio \\(0 sample frames\\)"},
+        {{"play", "norate.wav"}, "norate.wav: the header has a sample rate of 0 Hz"},
+        {{"play", "good.wav", "--device-output", "no/such.wav"}, "no/such.wav: can't be written"},
+        {{"play", "good.wav", "--device-output", "folder"}, "folder: can't be written.*directory"},
+        {{"play", "good.wav", "--device-output", "device.wav"}, "device.wav.*no regular file"},
+        {{"play", "good.wav", "--device-output", "good.wav"}, "good.wav.*the file to be played"},
+        {{"play", "good.wav", "--trace=no/such.txt"}, "no/such.txt: can't be written"},
+        {{"play", "good.wav", "--device", "nonesuch"}, "nonesuch.*stereo-out"},
+        {{"play", "good.wav", "--device", "short.bin"}, "short.bin.*offset 0"},
+        {{"show", "wrong.bin"}, "wrong.bin.*offset"},
+        {{"play", "good.wav", "--buffer", "0"}, "--buffer 0: a transfer has 1 to 128"},
+        {{"play", "good.wav", "--buffer", "129"}, "--buffer 129: a transfer has 1 to 128"},
+        {{"play", "good.wav", "--buffer", "-3"}, "--buffer -3: a transfer has 1 to 128"},
+        {{"play", "good.wav", "--rate", "50000"}, "--rate 50000: stereo-out offers 44100,.*192000"},
+        {{"play", "good.wav", "--as-vendor", "dead"}, "driver refuses.*STATUS_NOT_SUPPORTED"},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(testing::PrintToString(row.words));
+        const Result result = place.run(row.words);
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.out, "");
+        EXPECT_TRUE(std::regex_search(result.err, std::regex(row.message))) << result.err;
+        EXPECT_EQ(result.err.find("kelvane: "), 0U) << result.err;
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\x1b'), 0);
+        EXPECT_EQ(place.names(), before);
+    }
+}
+
+TEST(Command, TellsWrongUsageApart) {
+    const Workplace place;
+    writeRaw(place.path("good.wav"), {});
+    const struct {
+        Names words;
+        const char* message;
+    } table[] = {
+        {{}, "subcommand is required"},
+        {{"sing"}, "sing"},
+        {{"play"}, "file is required"},
+        {{"play", "good.wav", "--loud"}, "--loud"},
+        {{"play", "good.wav", "--rate", "fast"}, "--rate"},
+        {{"play", "good.wav", "--buffer", "x"}, "--buffer"},
+        {{"play", "good.wav", "--ppm", "1e9"}, "--ppm"},
+        {{"play", "good.wav", "--as-vendor", "12345"}, "12345.*hexadecimal"},
+        {{"show", "--json", "--dot"}, "excludes"},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(testing::PrintToString(row.words));
+        const Result result = place.run(row.words);
+        EXPECT_EQ(result.status, 2);
+        EXPECT_EQ(result.out, "");
+        EXPECT_TRUE(std::regex_search(result.err, std::regex(row.message))) << result.err;
+        EXPECT_NE(result.err.find("--help"), std::string::npos);
+    }
+}
+
+TEST(Command, HelpsWithAnExampleForEachSubcommand) {
+    const Workplace place;
+    for (const Names& words :
+         {Names{"--help"}, {"play", "--help"}, {"show", "--help"}, {"devices", "--help"}}) {
+        SCOPED_TRACE(testing::PrintToString(words));
+        const Result result = place.run(words);
+        EXPECT_EQ(result.status, 0);
+        EXPECT_NE(result.out.find("Example"), std::string::npos) << result.out;
+    }
+    EXPECT_TRUE(std::regex_match(place.run({"--version"}).out,
+                                 std::regex("kelvane [0-9]+\\.[0-9]+\\.[0-9]+\n")));
+}
+
+TEST(Play, TakesLengthsFromWhatIsThere) {
+    const Workplace place;
+    // 100 frames in the file, whatever the header says.
+    writeRaw(place.path("short.wav"), {.declaredBytes = 4000});
+    writeRaw(place.path("piped.wav"), {.declaredBytes = 0xFFFF'FFFF});
+    for (const char* name : {"short.wav", "piped.wav"}) {
+        SCOPED_TRACE(name);
+        const Result result = place.run({"play", name, "--json"});
+        ASSERT_EQ(result.status, 0) << result.err;
+        const Json report = Json::parse(result.out);
+        EXPECT_EQ(report["framesPlayed"], 100);
+        EXPECT_EQ(report["notes"].size(), name == std::string("short.wav") ? 1U : 0U);
+    }
+}
+
+TEST(Play, ReportsForAPerson) {
+    const Workplace place;
+    writeSound(place.path("in.wav"), SF_FORMAT_WAV | SF_FORMAT_PCM_16, 48000, 2,
+               makeNoise(9600, 16));
+    const Result result =
+        place.run({"play", "in.wav", "--buffer", "16", "--ppm", "150", "--trace=trace.txt"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.err, "") << "no progress bar where there is no terminal";
+    for (const char* text : {"48000 Hz, 0.10 s", "transfers of 16 ms", "played     4800 sample",
+                             "lateness    0  ms", "####", "(+150.", "warnings   none"}) {
+        EXPECT_NE(result.out.find(text), std::string::npos) << text << " in\n" << result.out;
+    }
+    std::ifstream trace(place.path("trace.txt"));
+    const std::string lines((std::istreambuf_iterator<char>(trace)), {});
+    EXPECT_NE(lines.find("dorvel : DriverEntry()"), std::string::npos);
+    EXPECT_NE(lines.find("UsbAudioPin::DispatchClose()"), std::string::npos);
+}
+
+TEST(Play, DrawsAProgressBarOnATerminalAndTakesItAway) {
+    const Workplace place;
+    writeSound(place.path("in.wav"), SF_FORMAT_WAV | SF_FORMAT_PCM_16, 48000, 2,
+               makeNoise(48000, 16));
+    const Result result = place.runOnTerminal({"play", "in.wav"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_TRUE(std::regex_search(result.err, std::regex("\r\\[[#.]+\\] +[0-9]+ %  0:00 / 0:00")))
+        << result.err;
+    const std::string cleared = "\r\x1b[K";
+    ASSERT_GE(result.err.size(), cleared.size());
+    EXPECT_EQ(result.err.substr(result.err.size() - cleared.size()), cleared);
+}
+
+// Longer than any run of the test takes.
+TEST(Play, StopsCleanlyOnCtrlC) {
+    const Workplace place;
+    SF_INFO info{};
+    info.format = SF_FORMAT_FLAC | SF_FORMAT_PCM_16;
+    info.samplerate = 48000;
+    info.channels = 2;
+    SNDFILE* file = sf_open(place.path("long.flac").c_str(), SFM_WRITE, &info);
+    ASSERT_NE(file, nullptr);
+    const std::vector<int> second(std::size_t{2} * 48000, 1 << 20);
+    for (int i = 0; i < 1200; ++i) {
+        sf_writef_int(file, second.data(), 48000);
+    }
+    sf_close(file);
+    const pid_t process =
+        place.start({"play", "long.flac", "--device-output", "heard.wav", "--json"});
+    // The part that is written grows once the stream runs.
+    const auto partBytes = [&] {
+        std::uintmax_t bytes = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(place.folder())) {
+            bytes += entry.path().extension() == ".part" ? entry.file_size() : 0;
+        }
+        return bytes;
+    };
+    for (int i = 0; i < 3000 && partBytes() < 1'000'000; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    kill(process, SIGINT);
+    const Result result = place.finish(process);
+    ASSERT_EQ(result.status, 128 + SIGINT) << result.err;
+    const Json report = Json::parse(result.out);
+    EXPECT_EQ(report["interrupted"], true);
+    EXPECT_GT(report["framesPlayed"], 0);
+    EXPECT_EQ(place.names(), (Names{"heard.wav", "long.flac"}));
+    EXPECT_GT(readSound(place.path("heard.wav")).info.frames, 10000);
+}
+
+TEST(Show, TellsWhatTheDriverPublishes) {
+    const Workplace place;
+    const Result json = place.run({"show", "stereo-out", "--json"});
+    ASSERT_EQ(json.status, 0) << json.err;
+    const Json filter = Json::parse(json.out);
+    EXPECT_EQ(filter["version"], 1);
+    EXPECT_EQ(filter["categories"],
+              Json({"KSCATEGORY_AUDIO", "KSCATEGORY_RENDER", "KSCATEGORY_CAPTURE",
+                    "{485E5651-8247-42C3-8358-4CB7948EDCED}"}));
+    ASSERT_EQ(filter["pins"].size(), 2U);
+    EXPECT_EQ(filter["pins"][0]["dataFlow"], "in");
+    EXPECT_EQ(filter["pins"][0]["communication"], "sink");
+    EXPECT_EQ(filter["pins"][0]["instancesPossible"], 1);
+    EXPECT_EQ(filter["pins"][0]["formats"][0], Json({{"subformat", "PCM"},
+                                                     {"specifier", "WAVEFORMATEX"},
+                                                     {"maximumChannels", 2},
+                                                     {"minimumBits", 16},
+                                                     {"maximumBits", 24},
+                                                     {"minimumRate", 44100},
+                                                     {"maximumRate", 192000}}));
+    EXPECT_EQ(filter["pins"][1]["category"], "KSNODETYPE_LINE_CONNECTOR");
+    EXPECT_EQ(filter["nodes"], Json::array({{{"id", 0}, {"type", "DAC"}}}));
+    EXPECT_EQ(filter["connections"][0]["from"], Json({{"node", nullptr}, {"pin", 0}}));
+    EXPECT_EQ(filter["connections"][0]["to"], Json({{"node", 0}, {"pin", 1}}));
+    EXPECT_EQ(filter["clocks"][0]["rates"], Json({44100, 48000, 88200, 96000, 176400, 192000}));
+    EXPECT_EQ(filter["interfaces"][1]["what"], "AudioStreaming");
+    EXPECT_EQ(filter["interfaces"][1]["chosenSetting"], 1);
+    EXPECT_EQ(filter["interfaces"][1]["endpoints"].size(), 2U);
+
+    const Result text = place.run({"show"});
+    EXPECT_EQ(text.status, 0) << text.err;
+    EXPECT_NE(text.out.find("pin 0 -> node 0 pin 1"), std::string::npos) << text.out;
+    const Result dot = place.run({"show", "--dot"});
+    EXPECT_EQ(dot.status, 0) << dot.err;
+    EXPECT_EQ(dot.out.find("digraph filter {"), 0U);
+    EXPECT_NE(dot.out.find("pin0 -> node0;"), std::string::npos) << dot.out;
+    const Result list = place.run({"devices", "--json"});
+    EXPECT_EQ(Json::parse(list.out)["models"][0]["name"], "stereo-out");
+}
+
+} // namespace
+} // namespace kelvane::test
