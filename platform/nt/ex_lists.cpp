@@ -93,6 +93,11 @@ void deleteLookaside(GENERAL_LOOKASIDE& list) {
 
 extern "C" {
 
+// The published prototypes of the sequenced lists leave the calling convention out.
+void InitializeSListHead(PSLIST_HEADER SListHead) {
+    *SListHead = {};
+}
+
 PSLIST_ENTRY ExpInterlockedPushEntrySList(PSLIST_HEADER ListHead, PSLIST_ENTRY ListEntry) {
     accessible(ListEntry, "the list entry");
     const SequencedLock guard(ListHead);

@@ -5,6 +5,8 @@
 #include "platform/nt/objects.h"
 #include "platform/nt/thread.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -33,6 +35,7 @@ void attachBuffered(IRP& irp, IrpState& state, const ControlRequest& request) {
     if (request.output != nullptr) {
         irp.Flags |= IRP_INPUT_OPERATION;
         state.userOutput = request.output;
+        state.userOutputBytes = request.outputBytes;
     }
 }
 
@@ -48,6 +51,17 @@ void attachDirect(IRP& irp, IrpState& state, const ControlRequest& request) {
             MmBuildMdlForNonPagedPool(irp.MdlAddress);
         }
     }
+}
+
+void copyOutput(const IRP& irp, const IrpState& state) {
+    const std::size_t bytes = irp.IoStatus.Information;
+    if (bytes > state.userOutputBytes) {
+        breach(Rule::IrpStatus, "IoCompleteRequest",
+               fmt::format("Information is {}, and the caller's buffer has {} bytes", bytes,
+                           state.userOutputBytes));
+        return;
+    }
+    std::memcpy(state.userOutput, irp.AssociatedIrp.SystemBuffer, bytes);
 }
 
 void freeMdls(IRP& irp) {
@@ -98,7 +112,7 @@ void finishIrp(IRP* irp, IrpState& state) {
     const IO_STATUS_BLOCK result = irp->IoStatus;
     const bool failedAtOnce = NT_ERROR(result.Status) && irp->PendingReturned == FALSE;
     if ((irp->Flags & IRP_INPUT_OPERATION) != 0 && !NT_ERROR(result.Status)) {
-        std::memcpy(state.userOutput, irp->AssociatedIrp.SystemBuffer, result.Information);
+        copyOutput(*irp, state);
     }
     if ((irp->Flags & IRP_DEALLOCATE_BUFFER) != 0) {
         Machine::current().pool().free(irp->AssociatedIrp.SystemBuffer, kBufferTag,

@@ -42,7 +42,8 @@ struct IrpState {
     CallFrame* frames = nullptr;
     Backtrace made;
     // Of the I/O manager's requests:
-    void* userOutput = nullptr;  // buffered output goes here
+    void* userOutput = nullptr; // buffered output goes here
+    std::size_t userOutputBytes = 0;
     FILE_OBJECT* file = nullptr; // referenced
     KEVENT* event = nullptr;     // referenced when it came from a handle
     bool eventReferenced = false;

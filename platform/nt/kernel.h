@@ -22,6 +22,9 @@ extern "C" { // the USB headers leave the linkage to their includer
 
 #undef min
 #undef max
+#undef interface
+#undef near
+#undef far
 
 // On Windows these three read a page that the kernel maps into every process at a fixed address.
 #undef KeQuerySystemTime

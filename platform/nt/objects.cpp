@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include <cstring>
+#include <memory>
 #include <new>
 
 namespace kelvane::nt {
@@ -16,6 +17,12 @@ namespace {
 // The body follows its header, aligned as pool memory is.
 constexpr std::size_t kHeaderBytes = (sizeof(ObjectHeader) + 15) / 16 * 16;
 constexpr int kMaxLinks = 16; // followed in one path
+
+// The last reference went above PASSIVE_LEVEL, where an object's end may not wait.
+struct LateDestruction {
+    WORK_QUEUE_ITEM item;
+    ObjectHeader* header;
+};
 
 std::size_t indexOf(HANDLE handle) {
     return reinterpret_cast<std::size_t>(handle) / 4 - 1;
@@ -110,16 +117,31 @@ void ObjectManager::dereference(void* body, const char* routine) {
     if (--header->references != 0) {
         return;
     }
-    if (header->type->destroy != nullptr) {
-        header->type->destroy(body);
+    if (header->type->destroy == nullptr || Thread::current().irql == PASSIVE_LEVEL) {
+        destroy(*header);
+        return;
+    }
+    auto* later = new LateDestruction{{}, header};
+    ExInitializeWorkItem(&later->item, destroyLater, later);
+    ExQueueWorkItem(&later->item, DelayedWorkQueue);
+}
+
+void NTAPI ObjectManager::destroyLater(void* parameter) {
+    const std::unique_ptr<LateDestruction> later(static_cast<LateDestruction*>(parameter));
+    Machine::current().objects().destroy(*later->header);
+}
+
+void ObjectManager::destroy(ObjectHeader& header) {
+    if (header.type->destroy != nullptr) {
+        header.type->destroy(header.body());
     }
     {
         const std::scoped_lock guard(m_mutex);
-        dropName(body);
-        unlink(*header);
+        dropName(header.body());
+        unlink(header);
     }
-    header->~ObjectHeader();
-    ::operator delete (static_cast<void*>(header), std::align_val_t{16});
+    header.~ObjectHeader();
+    ::operator delete (static_cast<void*>(&header), std::align_val_t{16});
 }
 
 bool ObjectManager::giveName(void* body, const std::u16string& path) {

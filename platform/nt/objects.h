@@ -19,7 +19,7 @@
 struct _OBJECT_TYPE {
     const char* name;
     void (*lastHandleClosed)(void* body); // may be null; without locks held
-    void (*destroy)(void* body);          // likewise; the memory goes after it
+    void (*destroy)(void* body);          // likewise, at PASSIVE_LEVEL; the memory goes after it
     // Maps the generic access rights to the type's own.
     GENERIC_MAPPING mapping;
 };
@@ -92,6 +92,8 @@ public:
 private:
     HandleEntry* entry(HANDLE handle);
     void unlink(ObjectHeader& header);
+    void destroy(ObjectHeader& header);
+    static void NTAPI destroyLater(void* parameter);
 
     mutable std::recursive_mutex m_mutex;
     ObjectHeader* m_objects = nullptr;
