@@ -32,6 +32,7 @@ UsbBus::~UsbBus() {
             deletePdo(*port);
         }
     }
+    nt::unloadDriver(m_driver);
 }
 
 DEVICE_OBJECT* UsbBus::attach(std::shared_ptr<devices::UsbDevice> device, AttachOptions options) {
