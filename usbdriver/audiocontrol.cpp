@@ -414,7 +414,7 @@ bool AudioControlInterface::getClockSourceInfo(ULONG index, KSCLOCK_SOURCE_INFO*
 NTSTATUS AudioControlInterface::updateClockSourceStatus(UCHAR clockID) {
     KSCLOCK_SOURCE_INFO* info = nullptr;
     for (KSCLOCK_SOURCE_INFO& source : _clockSources) {
-        if (source.bClockID == clockID) {
+        if (clockID != 0 && source.bClockID == clockID) { // 0: an empty record
             info = &source;
             break;
         }

@@ -1,0 +1,272 @@
+// A machine with the driver on it and one device plugged in, and the application's side of the
+// driver's audio pins. The machine's time is virtual; a broken kernel rule ends the test program.
+#pragma once
+
+#include "client/client.h"
+#include "client/kshandle.h"
+#include "client/pinformat.h"
+#include "devices/usb_device.h"
+#include "platform/nt/machine.h"
+#include "platform/nt/pnp.h"
+#include "platform/nt/text.h"
+#include "platform/usb/bus.h"
+#include "platform/usb/faults.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING path);
+
+namespace kelvane::tests {
+
+inline constexpr GUID kConnectionSet = {STATIC_KSPROPSETID_Connection};
+inline constexpr GUID kAudioSet = {STATIC_KSPROPSETID_Audio};
+inline constexpr GUID kKelvaneSet = {
+    0x86C2FD82, 0xC2A0, 0x4637, {0x9C, 0xB5, 0x29, 0x4F, 0xE8, 0xF5, 0xE1, 0x29}};
+
+// An isochronous URB as it was handed to the bus, and what became of it.
+struct IsochRecord {
+    std::uint8_t endpoint = 0;
+    std::uint32_t submittedIn = 0; // bus frame
+    std::uint32_t startFrame = 0;  // 0: as soon as possible
+    std::uint32_t flags = 0;
+    std::uint32_t length = 0; // of the buffer
+    std::vector<std::uint32_t> offsets, lengths;
+    const void* buffer = nullptr;
+};
+
+// Records isochronous URBs and counts pipe requests.
+class IsochRecorder : public usb::UrbObserver {
+public:
+    std::vector<IsochRecord> transfers;
+    int aborts = 0, resets = 0;
+
+    usb::UrbVerdict submitted(const usb::UrbEvent& event) override {
+        aborts += event.function == URB_FUNCTION_ABORT_PIPE;
+        resets += event.function == URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL;
+        if (event.function == URB_FUNCTION_ISOCH_TRANSFER) {
+            transfers.push_back(record(event));
+        }
+        return {};
+    }
+
+    std::vector<IsochRecord> on(std::uint8_t endpoint) const {
+        std::vector<IsochRecord> found;
+        std::copy_if(transfers.begin(), transfers.end(), std::back_inserter(found),
+                     [&](const IsochRecord& r) { return r.endpoint == endpoint; });
+        return found;
+    }
+
+private:
+    static IsochRecord record(const usb::UrbEvent& event) {
+        const auto& urb = event.urb->UrbIsochronousTransfer;
+        IsochRecord made{.endpoint = event.endpoint,
+                         .submittedIn = event.frame,
+                         .startFrame = urb.StartFrame,
+                         .flags = urb.TransferFlags,
+                         .length = urb.TransferBufferLength,
+                         .buffer = urb.TransferBuffer};
+        for (ULONG i = 0; i < urb.NumberOfPackets; ++i) {
+            made.offsets.push_back(urb.IsoPacket[i].Offset);
+            made.lengths.push_back(urb.IsoPacket[i].Length);
+        }
+        return made;
+    }
+};
+
+struct AudioMachineOptions {
+    usb::AttachOptions bus = {};
+    std::optional<std::uint32_t> urbSize = std::nullopt;
+    std::optional<std::uint32_t> savedRate = std::nullopt;
+};
+
+class AudioMachine {
+public:
+    explicit AudioMachine(std::shared_ptr<devices::UsbDevice> device,
+                          const AudioMachineOptions& options = {})
+        : m_machine({.trace = [this](const nt::TraceRecord& r) {
+              m_trace.push_back(r.text);
+          }}) {
+        bus().addObserver(faults);
+        bus().addObserver(recorder);
+        m_driver = nt::loadDriver(DriverEntry, u"kelvane");
+        started = plug(std::move(device), options);
+        if (NT_SUCCESS(started)) {
+            m_filter.emplace(client::KsFile::openFilter(filterLink(m_pdos.front())));
+        }
+    }
+    ~AudioMachine() {
+        m_filter.reset();
+        for (DEVICE_OBJECT* pdo : m_pdos) {
+            nt::removeDevice(pdo);
+            bus().detach(pdo);
+        }
+        nt::unloadDriver(m_driver);
+    }
+    AudioMachine(const AudioMachine&) = delete;
+    AudioMachine& operator=(const AudioMachine&) = delete;
+
+    NTSTATUS started = STATUS_UNSUCCESSFUL; // what the driver said to the device
+    usb::UrbFaults faults;
+    IsochRecorder recorder;
+
+    // One more device. Its filter is opened with openFilter.
+    NTSTATUS plug(std::shared_ptr<devices::UsbDevice> device,
+                  const AudioMachineOptions& options = {}) {
+        DEVICE_OBJECT* pdo = bus().attach(std::move(device), options.bus);
+        const std::u16string key = nt::driverKeyPath(pdo);
+        if (options.urbSize) {
+            m_machine.registry().setDword(key, u"UrbSize", *options.urbSize);
+        }
+        if (options.savedRate) {
+            m_machine.registry().setDword(key, u"SampleRate", *options.savedRate);
+        }
+        const NTSTATUS status = nt::startDevice(m_driver, pdo);
+        if (NT_SUCCESS(status)) {
+            m_pdos.push_back(pdo);
+        } else {
+            bus().detach(pdo);
+        }
+        return status;
+    }
+    client::KsFile openFilter(std::size_t device) {
+        return client::KsFile::openFilter(filterLink(m_pdos[device]));
+    }
+    // The cable is pulled, and the driver is told.
+    void pullOut(std::size_t device) {
+        DEVICE_OBJECT* pdo = m_pdos[device];
+        m_pdos.erase(m_pdos.begin() + static_cast<std::ptrdiff_t>(device));
+        bus().detach(pdo);
+        nt::surpriseRemove(pdo);
+    }
+    void closeFilter() { m_filter.reset(); }
+
+    nt::Machine& machine() { return m_machine; }
+    usb::UsbBus& bus() { return m_machine.service<usb::UsbBus>(); }
+    const client::KsFile& filter() const { return *m_filter; }
+    std::size_t numDevices() const { return m_pdos.size(); }
+    DEVICE_OBJECT* pdo(std::size_t device) const { return m_pdos[device]; }
+
+    void sleep(std::uint32_t milliseconds) { // of the machine's time
+        LARGE_INTEGER time;
+        time.QuadPart = -static_cast<LONGLONG>(milliseconds) * 10000;
+        KeDelayExecutionThread(KernelMode, FALSE, &time);
+    }
+
+    // How many traces have `part` in them.
+    std::size_t traced(std::string_view part) const {
+        return static_cast<std::size_t>(
+            std::count_if(m_trace.begin(), m_trace.end(), [&](const std::string& line) {
+                return line.find(part) != std::string::npos;
+            }));
+    }
+    void forgetTrace() { m_trace.clear(); }
+    const std::vector<std::string>& trace() const { return m_trace; }
+
+private:
+    static std::u16string filterLink(DEVICE_OBJECT* pdo) {
+        const GUID category = {STATIC_KSCATEGORY_AUDIO};
+        WCHAR* list = nullptr;
+        EXPECT_EQ(IoGetDeviceInterfaces(&category, pdo, 0, &list), STATUS_SUCCESS);
+        std::u16string link = nt::copyString(list);
+        ExFreePool(list);
+        return link;
+    }
+
+    std::vector<std::string> m_trace;
+    nt::Machine m_machine;
+    DRIVER_OBJECT* m_driver = nullptr;
+    std::vector<DEVICE_OBJECT*> m_pdos;     // of the devices that started
+    std::optional<client::KsFile> m_filter; // of the first device
+};
+
+using PcmFormat = client::PcmFormat;
+inline constexpr PcmFormat kPcm16{.rate = 48000, .channels = 2, .bits = 16, .bytesPerSample = 2};
+inline constexpr PcmFormat kPcm24{.rate = 48000, .channels = 2, .bits = 24, .bytesPerSample = 4};
+
+// A pin that is open, with the buffers that an application has queued on it.
+class AudioPin {
+public:
+    struct Buffer {
+        KSSTREAM_HEADER header{};
+        std::vector<std::byte> data;
+        IO_STATUS_BLOCK result{};
+        client::Event done;
+    };
+
+    // Throws client::StatusError when the driver refuses the format.
+    AudioPin(const client::KsFile& filter, std::uint32_t pin, const PcmFormat& format)
+        : m_file(filter.createPin(client::bytesOf(client::makeConnection(pin, format)))) {}
+    ~AudioPin() { close(); }
+
+    void setState(KSSTATE state) {
+        m_file.set(
+            client::makeProperty(kConnectionSet, KSPROPERTY_CONNECTION_STATE, KSPROPERTY_TYPE_SET),
+            state, "state");
+    }
+    void run() { setState(KSSTATE_RUN); }
+    void stop() { setState(KSSTATE_STOP); }
+    void close() {
+        m_file.close();
+        for (const auto& buffer : buffers) {
+            buffer->done.wait();
+        }
+    }
+
+    // Queues a buffer to play, or one to record into.
+    template <class T>
+    void write(const std::vector<T>& samples) {
+        Buffer& buffer = add(samples.size() * sizeof(T));
+        std::memcpy(buffer.data.data(), samples.data(), buffer.data.size());
+        buffer.header.DataUsed = buffer.header.FrameExtent;
+        send(buffer, IOCTL_KS_WRITE_STREAM);
+    }
+    void read(std::size_t bytes) { send(add(bytes), IOCTL_KS_READ_STREAM); }
+
+    std::size_t finished() const { // buffers that came back
+        return static_cast<std::size_t>(std::count_if(
+            buffers.begin(), buffers.end(), [](const auto& b) { return b->done.wait(0); }));
+    }
+    std::deque<std::unique_ptr<Buffer>> buffers; // in the order of queueing
+
+    template <class T>
+    NTSTATUS get(const GUID& set, ULONG id, T& value) const {
+        return m_file.property(client::bytesOf(client::makeProperty(set, id, KSPROPERTY_TYPE_GET)),
+                               client::writableBytesOf(value));
+    }
+    const client::KsFile& file() const { return m_file; }
+    client::LatencyStatistics latency() const {
+        client::LatencyStatistics statistics;
+        EXPECT_EQ(get(kKelvaneSet, 50, statistics), STATUS_SUCCESS);
+        return statistics;
+    }
+
+private:
+    Buffer& add(std::size_t bytes) {
+        buffers.push_back(std::make_unique<Buffer>());
+        Buffer& buffer = *buffers.back();
+        buffer.data.resize(bytes);
+        buffer.header.Size = sizeof buffer.header;
+        buffer.header.PresentationTime = {.Time = 0, .Numerator = 1, .Denominator = 1};
+        buffer.header.FrameExtent = static_cast<ULONG>(bytes);
+        buffer.header.Data = buffer.data.data();
+        return buffer;
+    }
+    void send(Buffer& buffer, ULONG code) {
+        ASSERT_TRUE(NT_SUCCESS(ZwDeviceIoControlFile(m_file.handle(), buffer.done.handle(), nullptr,
+                                                     nullptr, &buffer.result, code, nullptr, 0,
+                                                     &buffer.header, sizeof buffer.header)));
+    }
+
+    client::KsFile m_file;
+};
+
+} // namespace kelvane::tests
