@@ -118,15 +118,18 @@ NTSTATUS NTAPI KsAcquireResetValue(PIRP Irp, KSRESET* ResetValue) {
     if (inputLength(*Irp) < sizeof(KSRESET)) {
         return STATUS_INVALID_BUFFER_SIZE;
     }
-    const auto* value = static_cast<const KSRESET*>(
-        IoGetCurrentIrpStackLocation(Irp)->Parameters.DeviceIoControl.Type3InputBuffer);
+    const void* value =
+        IoGetCurrentIrpStackLocation(Irp)->Parameters.DeviceIoControl.Type3InputBuffer;
     if (value == nullptr) {
         return STATUS_ACCESS_VIOLATION;
     }
-    RtlCopyMemory(ResetValue, value, sizeof(KSRESET));
-    const auto number = static_cast<LONG>(*ResetValue);
-    return number == KSRESET_BEGIN || number == KSRESET_END ? STATUS_SUCCESS
-                                                            : STATUS_INVALID_PARAMETER;
+    ULONG number = 0;
+    RtlCopyMemory(&number, value, sizeof(number));
+    if (number != KSRESET_BEGIN && number != KSRESET_END) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    *ResetValue = static_cast<KSRESET>(number);
+    return STATUS_SUCCESS;
 }
 
 void NTAPI KsFilterAcquireProcessingMutex(PKSFILTER Filter) {
