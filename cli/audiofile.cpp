@@ -6,10 +6,13 @@
 #include <sndfile.h>
 
 #include <array>
+#include <cinttypes>
 #include <cmath>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <regex>
+#include <optional>
+#include <sstream>
 
 namespace kelvane::cli {
 namespace {
@@ -53,31 +56,35 @@ struct ShortChunk {
     std::uint64_t present = 0;
 };
 
-// A size of 0 or of all ones is what a writer leaves that could not seek back to its header: such a
-// file is whole.
-bool findShortChunk(const std::string& log, const char* names, ShortChunk& found) {
-    const std::regex line(fmt::format(R"((?:^|\n)({}) : (\d+) \(should be (\d+)\))", names));
-    std::smatch match;
-    if (!std::regex_search(log, match, line)) {
-        return false;
+// The log has lines like "data : 4000 (should be 400)". A size of 0 or of all ones is what a writer
+// leaves that could not seek back to its header: such a file is whole.
+std::optional<ShortChunk> findShortChunk(const std::string& log,
+                                         std::initializer_list<const char*> names) {
+    std::istringstream lines(log);
+    for (std::string line; std::getline(lines, line);) {
+        for (const char* name : names) {
+            ShortChunk chunk{.name = name};
+            const std::string pattern = std::string(name) + " : %" SCNu64 " (should be %" SCNu64;
+            if (std::sscanf(line.c_str(), pattern.c_str(), &chunk.promised, &chunk.present) == 2 &&
+                chunk.promised > chunk.present && chunk.promised < 0xFFFF'FFF0) {
+                return chunk;
+            }
+        }
     }
-    found = {match[1], std::stoull(match[2]), std::stoull(match[3])};
-    return found.promised > found.present && found.promised < 0xFFFF'FFF0;
+    return std::nullopt;
 }
 
 [[noreturn]] void refuse(const std::string& path) {
     const std::string reason = sf_strerror(nullptr);
     const std::string log = parseLog(nullptr);
-    std::smatch match;
-    if (std::regex_search(log, match, std::regex(R"(Sample [Rr]ate\s*: 0\n)")) &&
-        log.find("Unknown format") == std::string::npos) {
+    // The summary of a header that could be read, which only then has this line.
+    if (log.find("\n Sample rate :   0\n") != std::string::npos) {
         throw InputError(fmt::format("{}: the header has a sample rate of 0 Hz", path));
     }
-    ShortChunk chunk;
-    if (findShortChunk(log, "RIFF|FORM", chunk)) {
+    if (const auto chunk = findShortChunk(log, {"RIFF", "FORM"})) {
         throw InputError(fmt::format("{}: the header is cut off: {} announces {} bytes, the file "
                                      "holds {} ({})",
-                                     path, chunk.name, chunk.promised, chunk.present, reason));
+                                     path, chunk->name, chunk->promised, chunk->present, reason));
     }
     throw InputError(fmt::format("{}: is no audio file that can be read (WAV, FLAC, AIFF, Ogg and "
                                  "the like are): {}",
@@ -144,11 +151,10 @@ AudioFile::AudioFile(const std::string& path) {
               .bits = bits != 0 ? bits : std::uint16_t{24},
               .isInteger = bits != 0,
               .notes = {}};
-    ShortChunk chunk;
-    if (findShortChunk(parseLog(m_file.get()), "data|SSND", chunk)) {
+    if (const auto chunk = findShortChunk(parseLog(m_file.get()), {"data", "SSND"})) {
         m_info.notes.push_back(fmt::format("{} is cut short: its header announces {} bytes of "
                                            "audio, the file holds {}",
-                                           path, chunk.promised, chunk.present));
+                                           path, chunk->promised, chunk->present));
     }
 }
 

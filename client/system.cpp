@@ -8,7 +8,6 @@
 #include "client/troubles.h"
 #include "devices/error.h"
 #include "devices/models.h"
-#include "devices/wav_sink.h"
 #include "platform/nt/machine.h"
 #include "platform/nt/pnp.h"
 #include "platform/nt/text.h"
@@ -69,7 +68,6 @@ struct System::Parts {
     SystemOptions options;
     Troubles troubles;
     BusWatch watch;
-    std::shared_ptr<devices::WavSink> file; // null when the converter's output goes elsewhere
     std::shared_ptr<devices::SimulatedInterface> device;
     nt::Machine machine;
     DRIVER_OBJECT* driver = nullptr;
@@ -102,11 +100,8 @@ void System::Parts::openDevice() {
     deviceOptions.ppm = options.ppm;
     deviceOptions.asVendor = options.asVendor;
     deviceOptions.sink = options.sink;
+    deviceOptions.outputFile = options.outputFile;
     try {
-        if (!options.outputFile.empty()) {
-            file = std::make_shared<devices::WavSink>(options.outputFile);
-            deviceOptions.sink = file;
-        }
         device = devices::makeDevice(options.device, deviceOptions);
     } catch (const devices::DeviceError& error) {
         throw InputError(error.what());
@@ -239,13 +234,10 @@ std::uint64_t System::poolAllocations() const {
 }
 
 void System::finishDeviceOutput() {
-    m_parts->device->playOut();
-    if (m_parts->file) {
-        try {
-            m_parts->file->finish();
-        } catch (const devices::DeviceError& error) {
-            throw InputError(error.what());
-        }
+    try {
+        m_parts->device->finishOutput();
+    } catch (const devices::DeviceError& error) {
+        throw InputError(error.what());
     }
 }
 
