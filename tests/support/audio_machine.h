@@ -2,14 +2,14 @@
 // driver's audio pins. The machine's time is virtual; a broken kernel rule ends the test program.
 #pragma once
 
+#include "tests/support/traced_machine.h"
+
 #include "client/client.h"
 #include "client/kshandle.h"
 #include "client/pinformat.h"
 #include "devices/usb_device.h"
-#include "platform/nt/machine.h"
 #include "platform/nt/pnp.h"
 #include "platform/nt/text.h"
-#include "platform/usb/bus.h"
 #include "platform/usb/faults.h"
 
 #include <gtest/gtest.h>
@@ -39,7 +39,7 @@ struct IsochRecord {
     std::uint32_t startFrame = 0;  // 0: as soon as possible
     std::uint32_t flags = 0;
     std::uint32_t length = 0; // of the buffer
-    std::vector<std::uint32_t> offsets, lengths;
+    std::vector<std::uint32_t> offsets = {}, lengths = {};
     const void* buffer = nullptr;
 };
 
@@ -91,10 +91,11 @@ struct AudioMachineOptions {
 class AudioMachine {
 public:
     explicit AudioMachine(std::shared_ptr<devices::UsbDevice> device,
-                          const AudioMachineOptions& options = {})
-        : m_machine({.trace = [this](const nt::TraceRecord& r) {
-              m_trace.push_back(r.text);
-          }}) {
+                          const AudioMachineOptions& options = {},
+                          std::initializer_list<usb::FaultRule> rules = {}) {
+        for (const usb::FaultRule& rule : rules) {
+            faults.add(rule);
+        }
         bus().addObserver(faults);
         bus().addObserver(recorder);
         m_driver = nt::loadDriver(DriverEntry, u"kelvane");
@@ -124,10 +125,10 @@ public:
         DEVICE_OBJECT* pdo = bus().attach(std::move(device), options.bus);
         const std::u16string key = nt::driverKeyPath(pdo);
         if (options.urbSize) {
-            m_machine.registry().setDword(key, u"UrbSize", *options.urbSize);
+            m_box.machine.registry().setDword(key, u"UrbSize", *options.urbSize);
         }
         if (options.savedRate) {
-            m_machine.registry().setDword(key, u"SampleRate", *options.savedRate);
+            m_box.machine.registry().setDword(key, u"SampleRate", *options.savedRate);
         }
         const NTSTATUS status = nt::startDevice(m_driver, pdo);
         if (NT_SUCCESS(status)) {
@@ -149,27 +150,16 @@ public:
     }
     void closeFilter() { m_filter.reset(); }
 
-    nt::Machine& machine() { return m_machine; }
-    usb::UsbBus& bus() { return m_machine.service<usb::UsbBus>(); }
+    nt::Machine& machine() { return m_box.machine; }
+    usb::UsbBus& bus() { return m_box.bus; }
     const client::KsFile& filter() const { return *m_filter; }
     std::size_t numDevices() const { return m_pdos.size(); }
     DEVICE_OBJECT* pdo(std::size_t device) const { return m_pdos[device]; }
 
-    void sleep(std::uint32_t milliseconds) { // of the machine's time
-        LARGE_INTEGER time;
-        time.QuadPart = -static_cast<LONGLONG>(milliseconds) * 10000;
-        KeDelayExecutionThread(KernelMode, FALSE, &time);
-    }
-
+    void sleep(std::uint32_t milliseconds) { TracedMachine::sleep(milliseconds); }
     // How many traces have `part` in them.
-    std::size_t traced(std::string_view part) const {
-        return static_cast<std::size_t>(
-            std::count_if(m_trace.begin(), m_trace.end(), [&](const std::string& line) {
-                return line.find(part) != std::string::npos;
-            }));
-    }
-    void forgetTrace() { m_trace.clear(); }
-    const std::vector<std::string>& trace() const { return m_trace; }
+    std::size_t traced(std::string_view part) const { return m_box.mentions(part); }
+    void forgetTrace() { m_box.forget(); }
 
 private:
     static std::u16string filterLink(DEVICE_OBJECT* pdo) {
@@ -181,8 +171,7 @@ private:
         return link;
     }
 
-    std::vector<std::string> m_trace;
-    nt::Machine m_machine;
+    TracedMachine m_box;
     DRIVER_OBJECT* m_driver = nullptr;
     std::vector<DEVICE_OBJECT*> m_pdos;     // of the devices that started
     std::optional<client::KsFile> m_filter; // of the first device

@@ -12,7 +12,6 @@
 
 namespace kelvane::tests {
 
-constexpr std::uint8_t kClock = 0x29;
 constexpr std::uint8_t kOutEndpoint = 0x01;
 constexpr std::uint8_t kInEndpoint = 0x82;
 constexpr std::uint8_t kFeedbackEndpoint = 0x81;
@@ -63,6 +62,8 @@ inline Bytes streamInterface(std::uint8_t number, const StreamShape& shape) {
 
 class StreamDevice : public ScriptedDevice {
 public:
+    static constexpr std::uint8_t kClock = 0x29;
+
     // `streams`: whole interfaces in order, numbered from 1.
     explicit StreamDevice(std::initializer_list<Bytes> streams)
         : ScriptedDevice(KELVANE_VENDOR_ID, 0x7777,

@@ -28,6 +28,14 @@ public:
         return static_cast<std::size_t>(std::count(m_lines.begin(), m_lines.end(), text));
     }
     bool traced(std::string_view text) const { return count(text) != 0; }
+    // How many records have this in them.
+    std::size_t mentions(std::string_view part) const {
+        const std::scoped_lock guard(m_mutex);
+        return static_cast<std::size_t>(
+            std::count_if(m_lines.begin(), m_lines.end(), [part](const std::string& line) {
+                return line.find(part) != std::string::npos;
+            }));
+    }
     // Records that begin like this.
     std::vector<std::string> beginning(std::string_view text) const {
         const std::scoped_lock guard(m_mutex);
