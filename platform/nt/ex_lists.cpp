@@ -38,7 +38,8 @@ SLIST_ENTRY* first(const SLIST_HEADER& list) {
 }
 
 void setFirst(SLIST_HEADER& list, const SLIST_ENTRY* entry) {
-    list.Header16.NextEntry = (reinterpret_cast<ULONGLONG>(entry) >> 4) & ((1ull << 60) - 1);
+    // The pointer's own low four bits are clear, and not its to set here.
+    list.Region = (list.Region & 0xF) | reinterpret_cast<ULONGLONG>(entry);
 }
 
 // Holds a caller's own spin lock at whatever level the caller is.

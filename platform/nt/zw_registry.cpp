@@ -58,7 +58,7 @@ NTSTATUS answer(const void* fixed, std::size_t fixedBytes, const void* tail, std
     }
     std::memcpy(buffer, fixed, fixedBytes);
     const std::size_t room = std::min<std::size_t>(length - fixedBytes, tailBytes);
-    if (room != 0) {
+    if (tail != nullptr) {
         std::memcpy(static_cast<std::byte*>(buffer) + fixedBytes, tail, room);
     }
     return needed > length ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
