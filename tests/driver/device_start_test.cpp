@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <vector>
 
@@ -158,6 +159,38 @@ TEST(DeviceStart, SurvivesEveryFailedAllocation) {
     }
     EXPECT_GT(refused, 20u);
     EXPECT_EQ(host.start(), STATUS_SUCCESS);
+}
+
+// Firmware that got its descriptors wrong is served or refused; it never makes the driver read what
+// isn't there, and leaves nothing behind.
+TEST(DeviceStart, SurvivesDamagedDescriptors) {
+    DriverHost host;
+    const Bytes whole = configuration(
+        4, {interfaceDescriptor(0, 0, 1, 1, 1), clockSource(kClock, 3),
+            clockSelector(0x28, {kClock}), endpointDescriptor(0x83, 3, 6, 4), stereoStream(1, 0x81),
+            stereoStream(2, 0x82), interfaceDescriptor(3, 0, 0, 0xFE, 1)});
+    std::mt19937 random(20260202);
+    int started = 0;
+    int refused = 0;
+    for (int run = 0; run < 400; ++run) {
+        SCOPED_TRACE(run);
+        Bytes damaged = whole;
+        if (run % 4 == 0) { // cut off, and honest about it
+            damaged.resize(9 + random() % (whole.size() - 9));
+            damaged[2] = low(damaged.size());
+        }
+        for (std::size_t n = 1 + random() % 3; n > 0; --n) {
+            const std::size_t at = 4 + random() % (damaged.size() - 4);
+            damaged[at] = static_cast<std::uint8_t>(random() % 2 == 0 ? random() % 40 : random());
+        }
+        host.plug(damaged);
+        const std::uint64_t blocks = host.box.machine.pool().counters().blocks;
+        ++(NT_SUCCESS(host.start()) ? started : refused);
+        host.remove();
+        EXPECT_EQ(host.box.machine.pool().counters().blocks, blocks);
+    }
+    EXPECT_GT(started, 50);
+    EXPECT_GT(refused, 50);
 }
 
 // --- What is published --------------------------------------------------------------------------
