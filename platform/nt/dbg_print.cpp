@@ -62,6 +62,13 @@ void print(const char* format, FormatArguments& arguments, const char* routine) 
         {self.machine.scheduler().now(), self.processor(), self.irql, std::move(formatted.text)});
 }
 
+// Of its own, for the compiler copies a list as the calling convention of the function that it ends
+// up in wants it.
+[[gnu::noinline]] void printHost(const char* format, va_list list, const char* routine) {
+    HostArguments arguments(list);
+    print(format, arguments, routine);
+}
+
 } // namespace
 
 extern "C" {
@@ -87,8 +94,7 @@ ULONG NTAPI DbgPrintEx(ULONG, ULONG, PCSTR Format, ...) {
 // The list is the host's own: the published prototype names va_list, which the host's compiler
 // defines.
 ULONG NTAPI vDbgPrintEx(ULONG, ULONG, PCCH Format, va_list ap) {
-    HostArguments arguments(ap);
-    print(Format, arguments, __func__);
+    printHost(Format, ap, __func__);
     return STATUS_SUCCESS;
 }
 

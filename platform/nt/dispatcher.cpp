@@ -307,7 +307,8 @@ void Dispatcher::settle() {
     }
 }
 
-void Dispatcher::joinThreads() {
+bool Dispatcher::joinThreads() {
+    bool all = true;
     for (auto& thread : m_threads) {
         if (!thread->system.joinable()) {
             continue;
@@ -316,9 +317,10 @@ void Dispatcher::joinThreads() {
             thread->system.join();
         } else {
             thread->system.detach();
-            static_cast<void>(thread.release()); // it still stands on this
+            all = false;
         }
     }
+    return all;
 }
 
 std::string Dispatcher::describeWaits() const {

@@ -74,8 +74,9 @@ public:
     std::vector<std::string> leftOvers() const;
     // Lets the machine's threads come to their ends, as far as they do without the clock.
     void settle();
-    // Waits for the threads that have ended; the others are left to the host.
-    void joinThreads();
+    // Waits for the threads that have ended; the others are left to the host. False when there were
+    // such: they still stand on the machine's parts.
+    bool joinThreads();
 
 private:
     struct SetTimer {

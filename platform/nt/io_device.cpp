@@ -117,10 +117,6 @@ void NTAPI IoDeleteDevice(PDEVICE_OBJECT DeviceObject) {
         breach(Rule::Device, __func__, "the device was deleted before");
         return;
     }
-    if (DeviceObject->AttachedDevice != nullptr) {
-        breach(Rule::Device, __func__, "another device is still attached on top of the device");
-        linksOf(DeviceObject->AttachedDevice).attachedTo = nullptr;
-    }
     if (links.attachedTo != nullptr) {
         breach(Rule::Device, __func__,
                "the device is still attached to the one below: IoDetachDevice comes first");
@@ -130,7 +126,11 @@ void NTAPI IoDeleteDevice(PDEVICE_OBJECT DeviceObject) {
     unlinkFromDriver(DeviceObject);
     Machine::current().plug().forget(DeviceObject);
     Machine::current().objects().dropName(DeviceObject);
-    ObfDereferenceObject(DeviceObject);
+    // A bus deletes its device while a removal is still on its way up through the devices on top:
+    // the object lasts until they have detached.
+    if (DeviceObject->AttachedDevice == nullptr) {
+        ObfDereferenceObject(DeviceObject);
+    }
 }
 
 PDEVICE_OBJECT NTAPI IoAttachDeviceToDeviceStack(PDEVICE_OBJECT SourceDevice,
@@ -168,6 +168,9 @@ void NTAPI IoDetachDevice(PDEVICE_OBJECT TargetDevice) {
     }
     linksOf(TargetDevice->AttachedDevice).attachedTo = nullptr;
     TargetDevice->AttachedDevice = nullptr;
+    if (linksOf(TargetDevice).deleted) {
+        ObfDereferenceObject(TargetDevice);
+    }
 }
 
 PDEVICE_OBJECT NTAPI IoGetAttachedDevice(PDEVICE_OBJECT DeviceObject) {

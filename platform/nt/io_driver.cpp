@@ -16,9 +16,6 @@ namespace {
 struct DriverBody {
     DRIVER_OBJECT driver; // first
     DRIVER_EXTENSION extension;
-    std::u16string* name;
-    std::u16string* service;
-    std::u16string* registryPath;
 };
 
 POBJECT_TYPE s_driverType = &kDriverType;
@@ -36,9 +33,7 @@ void destroyDriver(void* body) {
             ++next;
         }
     }
-    delete driver->name;
-    delete driver->service;
-    delete driver->registryPath;
+    machine.plug().driverNames().erase(const_cast<DRIVER_OBJECT*>(&driver->driver));
 }
 
 // What a driver does not handle.
@@ -47,10 +42,6 @@ NTSTATUS NTAPI refuseRequest(PDEVICE_OBJECT, PIRP irp) {
     irp->IoStatus.Information = 0;
     IoCompleteRequest(irp, IO_NO_INCREMENT);
     return STATUS_INVALID_DEVICE_REQUEST;
-}
-
-DriverBody& bodyOf(DRIVER_OBJECT* driver) {
-    return *reinterpret_cast<DriverBody*>(driver);
 }
 
 } // namespace
@@ -65,24 +56,27 @@ DRIVER_OBJECT* makeDriver(const std::u16string& service) {
     Machine& machine = Machine::current();
     auto& body =
         *static_cast<DriverBody*>(machine.objects().create(kDriverType, sizeof(DriverBody)));
-    body.name = new std::u16string(u"\\Driver\\" + service);
-    body.service = new std::u16string(service);
-    body.registryPath = new std::u16string(serviceKeyPath(service));
     DRIVER_OBJECT& driver = body.driver;
-    if (!machine.objects().giveName(&body, *body.name)) {
+    DriverNames* names;
+    {
+        const std::scoped_lock guard(machine.plug().mutex());
+        names = &machine.plug().driverNames()[&driver];
+    }
+    *names = {u"\\Driver\\" + service, service, serviceKeyPath(service)};
+    if (!machine.objects().giveName(&body, names->driver)) {
         machine.objects().dereference(&body, "IoCreateDriver");
         return nullptr;
     }
     driver.Type = IO_TYPE_DRIVER;
     driver.Size = sizeof(DRIVER_OBJECT);
-    driver.DriverName = viewString(*body.name);
+    driver.DriverName = viewString(names->driver);
     driver.DriverExtension = &body.extension;
     body.extension.DriverObject = &driver;
-    body.extension.ServiceKeyName = viewString(*body.service);
+    body.extension.ServiceKeyName = viewString(names->service);
     for (PDRIVER_DISPATCH& dispatch : driver.MajorFunction) {
         dispatch = refuseRequest;
     }
-    machine.registry().create(*body.registryPath);
+    machine.registry().create(names->registryPath);
     return &driver;
 }
 
@@ -96,7 +90,8 @@ DRIVER_OBJECT* loadDriver(PDRIVER_INITIALIZE entry, const std::u16string& servic
         return nullptr;
     }
     driver->DriverInit = entry;
-    UNICODE_STRING path = viewString(*bodyOf(driver).registryPath);
+    const std::u16string key = serviceKeyPath(service);
+    UNICODE_STRING path = viewString(key);
     {
         const CallbackGuard callback(Thread::current(), "driver entry",
                                      reinterpret_cast<const void*>(entry));

@@ -72,8 +72,13 @@ Machine::~Machine() {
     m_parts->scheduler->stop();
     reportLeftOvers();
     m_parts->pool.checkFreed("~Machine");
-    m_parts->dispatcher.joinThreads();
-    m_parts.reset();
+    if (m_parts->dispatcher.joinThreads()) {
+        m_parts.reset();
+    } else {
+        // Never destroyed: a condition variable waits for its waiters before it goes.
+        static auto* s_abandoned = new std::vector<std::unique_ptr<Parts>>;
+        s_abandoned->push_back(std::move(m_parts));
+    }
     Thread::setCurrent(nullptr);
     s_current = nullptr;
 }

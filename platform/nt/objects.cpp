@@ -62,6 +62,9 @@ ObjectManager::~ObjectManager() {
     while (m_objects != nullptr) {
         ObjectHeader* header = m_objects;
         unlink(*header);
+        if (header->type == &kKeyType) { // the one type with more than its own memory
+            header->type->destroy(header->body());
+        }
         header->~ObjectHeader();
         ::operator delete (static_cast<void*>(header), std::align_val_t{16});
     }

@@ -30,6 +30,12 @@ struct DeviceInterface {
     bool enabled = false;
 };
 
+struct DriverNames {
+    std::u16string driver;       // "\Driver\<service>"
+    std::u16string service;      // as loadDriver got it
+    std::u16string registryPath; // of its key
+};
+
 class Plug {
 public:
     // Makes the node, and asks the device for its IDs, on first use.
@@ -48,6 +54,8 @@ public:
 
     // Device and driver extensions that IoAllocateDriverObjectExtension made.
     std::map<std::pair<DRIVER_OBJECT*, void*>, void*>& driverExtensions() { return m_extensions; }
+    // The texts that driver objects point at.
+    std::map<DRIVER_OBJECT*, DriverNames>& driverNames() { return m_driverNames; }
     std::recursive_mutex& mutex() { return m_mutex; }
 
 private:
@@ -55,6 +63,7 @@ private:
     std::map<DEVICE_OBJECT*, DeviceNode> m_nodes;
     std::list<DeviceInterface> m_interfaces;
     std::map<std::pair<DRIVER_OBJECT*, void*>, void*> m_extensions;
+    std::map<DRIVER_OBJECT*, DriverNames> m_driverNames;
     unsigned m_softwareKeys = 0;
     unsigned m_unnamedDevices = 0;
 };

@@ -213,7 +213,9 @@ void Pool::free(void* address, ULONG tag, const char* routine) {
         complaints.push_back({Rule::PoolTag, fmt::format("block with tag '{}' freed under '{}'",
                                                          tagText(block.tag), tagText(tag))});
     }
-    if (const auto what = usedWithin(user, user + block.bytes)) {
+    const auto what = usedWithin(user, user + block.bytes);
+    const bool isUsed = what.has_value();
+    if (isUsed) {
         complaints.push_back(
             {Rule::ObjectInUse,
              fmt::format("block {} of {} bytes, tag '{}', holds {}", fmt::ptr(address), block.bytes,
@@ -226,7 +228,11 @@ void Pool::free(void* address, ULONG tag, const char* routine) {
             m_paged.erase(user);
             m_counters.blocks--;
             m_counters.bytes -= block.bytes;
-            bury(std::move(block), complaints);
+            if (isUsed) {
+                m_kept.push_back(block);
+            } else {
+                bury(block, complaints);
+            }
         }
     }
     complain(complaints, routine);
@@ -371,9 +377,14 @@ void Pool::drop() {
         ASAN_UNPOISON_MEMORY_REGION(block.user() - kGuardBytes, block.bytes + 2 * kGuardBytes);
         std::free(block.base);
     }
+    for (const Block& block : m_kept) {
+        ASAN_UNPOISON_MEMORY_REGION(block.user() - kGuardBytes, block.bytes + 2 * kGuardBytes);
+        std::free(block.base);
+    }
     m_blocks.clear();
     m_paged.clear();
     m_freed.clear();
+    m_kept.clear();
 }
 
 bool accessible(const void* address, const char* what, const char* routine) {

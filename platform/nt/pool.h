@@ -100,6 +100,7 @@ private:
     std::map<const std::byte*, Block> m_blocks; // in use, by the caller's first byte
     std::map<const std::byte*, std::size_t> m_paged;
     std::deque<Block> m_freed;
+    std::vector<Block> m_kept; // freed while the kernel still used what they hold: they stay
     std::size_t m_freedBytes = 0;
     PoolCounters m_counters;
     std::uint64_t m_failAt = 0; // allocations to go until the one that fails

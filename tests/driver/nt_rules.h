@@ -1,0 +1,89 @@
+// The frame of the tests that break kernel rules on purpose: the report must name the rule and the
+// routine, and the routine must come back with something sane.
+#pragma once
+
+#include "tests/driver/nt_support.h"
+
+#include <cctype>
+
+namespace kelvane::nt {
+
+struct RuleCase {
+    const char* name;
+    Rule rule;
+    const char* routine;
+    std::function<void()> misbehave;
+    bool atEnd = false; // the machine's end notices
+};
+
+inline void PrintTo(const RuleCase& item, std::ostream* out) {
+    *out << item.name;
+}
+
+class KernelRule : public testing::TestWithParam<RuleCase> {
+protected:
+    void check() {
+        const RuleCase& item = GetParam();
+        RecordingMachine machine;
+        item.misbehave();
+        if (item.atEnd) {
+            machine.end();
+        }
+        const auto found =
+            std::find_if(machine.breaches().begin(), machine.breaches().end(),
+                         [&](const Breach& breach) { return breach.rule == item.rule; });
+        ASSERT_NE(found, machine.breaches().end()) << machine.breaches().size() << " other(s)";
+        EXPECT_EQ(found->routine, item.routine) << found->report();
+    }
+};
+
+inline std::string ruleCaseName(const testing::TestParamInfo<RuleCase>& info) {
+    std::string name = info.param.name;
+    std::replace_if(
+        name.begin(), name.end(), [](char c) { return std::isalnum(c) == 0; }, '_');
+    return name;
+}
+
+inline void atDispatch(const std::function<void()>& call) {
+    const KIRQL before = KeRaiseIrqlToDpcLevel();
+    call();
+    KeLowerIrql(before);
+}
+
+// Calls `use` with an IRP on its way to a device that keeps it, and then lets the IRP come back.
+inline void withIrpInFlight(const std::function<void(IRP*)>& use) {
+    TestDevice device([](IRP* irp) {
+        IoMarkIrpPending(irp);
+        return STATUS_PENDING;
+    });
+    IRP* irp = ownIrp();
+    IoCallDriver(device.object(), irp);
+    use(irp);
+    complete(irp, STATUS_SUCCESS);
+    IoFreeIrp(irp);
+}
+
+// Sends an IRP to a device with this dispatch routine, and brings it back if the routine did not.
+inline void send(const TestDevice::Dispatch& dispatch) {
+    TestDevice device(dispatch);
+    IRP* irp = ownIrp();
+    IoCallDriver(device.object(), irp);
+    if (irp->CurrentLocation <= irp->StackCount) {
+        complete(irp, STATUS_SUCCESS);
+    }
+    IoFreeIrp(irp);
+}
+
+inline NTSTATUS completeAtOnce(IRP* irp) {
+    return complete(irp, STATUS_SUCCESS);
+}
+
+inline void NTAPI keepCancelLock(PDEVICE_OBJECT, PIRP) {}
+
+inline void NTAPI waitFor(PVOID event) {
+    KeWaitForSingleObject(event, Executive, KernelMode, FALSE, nullptr);
+}
+
+constexpr ULONG kTestTag = 'T' | 'e' << 8 | 's' << 16 | 't' << 24;
+
+} // namespace kelvane::nt
