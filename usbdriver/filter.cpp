@@ -110,6 +110,7 @@ constexpr KSDATARANGE_AUDIO AnalogRange() {
     return range;
 }
 
+static_assert(sizeof(KSDATARANGE_AUDIO) == 88);
 constexpr KSDATARANGE_AUDIO kAnalogRange = AnalogRange();
 constexpr PKSDATARANGE kAnalogRanges[] = {const_cast<PKSDATARANGE>(&kAnalogRange.DataRange)};
 

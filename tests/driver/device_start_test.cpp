@@ -390,6 +390,31 @@ TEST(DeviceStart, UnconfiguresTheDeviceUnlessItIsGone) {
     EXPECT_EQ(host.box.bus.interfaceReferences(host.pdo()), 0);
 }
 
+// The message's work item may run while the device is being taken down.
+TEST(DeviceStart, RemovesADeviceWhoseClockHasJustChanged) {
+    DriverHost host;
+    for (const bool surprise : {false, true}) {
+        for (int wait = 0; wait < 4; ++wait) { // milliseconds
+            SCOPED_TRACE(std::to_string(surprise) + " " + std::to_string(wait));
+            ScriptedDevice& device = host.plug(
+                configuration(2, {interfaceDescriptor(0, 0, 1, 1, 1), clockSource(kClock, 3),
+                                  endpointDescriptor(ScriptedDevice::kInterruptEndpoint, 3, 6, 4),
+                                  stereoStream(1, 0x81)}));
+            ASSERT_EQ(host.start(), STATUS_SUCCESS);
+            client::KsFile filter = host.openFilter(); // so that there is somebody to tell
+            device.messages = {{0, 1, 0, 2, 0, kClock}, {0, 1, 0, 2, 0, kClock}};
+            device.sendMessages();
+            TracedMachine::sleep(wait);
+            if (surprise) {
+                host.surpriseRemove(); // the application still has the filter open
+            } else {
+                filter.close();
+                host.remove();
+            }
+        }
+    }
+}
+
 TEST(DeviceStart, StartsAgainAfterARemoval) {
     DriverHost host;
     host.plug(audioConfiguration(2, both()));
