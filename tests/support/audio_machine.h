@@ -153,12 +153,10 @@ public:
     nt::Machine& machine() { return m_box.machine; }
     usb::UsbBus& bus() { return m_box.bus; }
     const client::KsFile& filter() const { return *m_filter; }
-    std::size_t numDevices() const { return m_pdos.size(); }
-    DEVICE_OBJECT* pdo(std::size_t device) const { return m_pdos[device]; }
 
     void sleep(std::uint32_t milliseconds) { TracedMachine::sleep(milliseconds); }
     // How many traces have `part` in them.
-    std::size_t traced(std::string_view part) const { return m_box.mentions(part); }
+    std::size_t mentions(std::string_view part) const { return m_box.mentions(part); }
     void forgetTrace() { m_box.forget(); }
 
 private:
