@@ -1,9 +1,8 @@
 // The driver's entry: its parameters, and the device callbacks that it gives the class driver.
-#include "usbdriver/driver.h"
-
 #include "usbdriver/device.h"
 #include "usbdriver/registry.h"
 
+// The parameter of that name. Kept and traced; every MIDI port is visible whatever it says.
 ULONG DontHideVexlinkPorts = 0;
 
 namespace {
@@ -79,8 +78,9 @@ void NTAPI UnloadDriver(PDRIVER_OBJECT driver) {
     }
 }
 
-} // namespace
+// --- Parameters ---------------------------------------------------------------------------------
 
+// Returns the status of opening the Parameters key; without it the defaults stand.
 NTSTATUS LoadDriverParameters(PUNICODE_STRING registryPath) {
     WCHAR characters[130];
     UNICODE_STRING path = {.Length = 0, .MaximumLength = sizeof(characters), .Buffer = characters};
@@ -103,6 +103,8 @@ NTSTATUS LoadDriverParameters(PUNICODE_STRING registryPath) {
     ZwClose(key);
     return status;
 }
+
+} // namespace
 
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath) {
     DbgPrint("dorvel : DriverEntry()\n");
