@@ -18,7 +18,7 @@ int parseAndRun(int argc, char** argv) {
         "and interface.",
         "kelvane");
     app.set_version_flag("--version", "kelvane " KELVANE_VERSION);
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1);
     app.footer(
         "Examples:\n"
         "  kelvane play song.wav                                   play into the simulated "
@@ -40,6 +40,11 @@ int parseAndRun(int argc, char** argv) {
         cli::printError(error.what());
         fmt::print(stderr, "Try 'kelvane {}--help'.\n",
                    chosen.empty() ? "" : chosen.front()->get_name() + " ");
+        return cli::kExitUsage;
+    }
+    if (!action) {
+        cli::printError("a subcommand is expected: play, show or devices");
+        fmt::print(stderr, "Try 'kelvane --help'.\n");
         return cli::kExitUsage;
     }
     return action();

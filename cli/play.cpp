@@ -29,8 +29,8 @@ constexpr std::uint32_t kStallMilliseconds = 2000;
 struct PlayOptions {
     std::string file;
     std::string trace;
-    std::uint32_t rate = 0;    // Hz; 0: as the file, or as near as the device has it
-    std::int64_t transfer = 0; // 1 ms bus frames; 0: as the driver has it
+    std::uint32_t rate = 0;               // Hz; 0: as the file, or as near as the device has it
+    std::optional<std::int64_t> transfer; // 1 ms bus frames; none: as the driver has it
     bool json = false;
     client::SystemOptions system;
 };
@@ -73,11 +73,11 @@ client::PcmFormat streamFormat(const PlayOptions& options, const AudioInfo& file
 // The driver raises a saved transfer size below the smallest that it measured; a person who asked
 // for one is told.
 void checkTransfer(const PlayOptions& options, std::uint32_t inForce) {
-    if (options.transfer != 0 && inForce != options.transfer) {
+    if (options.transfer && inForce != *options.transfer) {
         throw InputError(
             fmt::format("--buffer {}: the smallest transfer that the driver measured on "
                         "this bus is {} ms; {} to {} are accepted",
-                        options.transfer, inForce, inForce, client::kMaximumTransferFrames));
+                        *options.transfer, inForce, inForce, client::kMaximumTransferFrames));
     }
 }
 
@@ -137,6 +137,9 @@ int play(PlayOptions options) {
     AudioFile file(options.file);
     TraceLog trace(options.trace);
     options.system.trace = trace.sink();
+    if (options.transfer) {
+        options.system.transferFrames = static_cast<std::uint32_t>(*options.transfer);
+    }
     PlayReport report;
     report.file = file.info();
     report.device = options.system.device;
@@ -196,10 +199,10 @@ void checkOutput(const PlayOptions& options) {
 
 void checkOptions(const PlayOptions& options) {
     checkOutput(options);
-    if (options.transfer != 0 &&
-        (options.transfer < 1 || options.transfer > client::kMaximumTransferFrames)) {
+    if (options.transfer &&
+        (*options.transfer < 1 || *options.transfer > client::kMaximumTransferFrames)) {
         throw InputError(fmt::format("--buffer {}: a transfer has 1 to {} bus frames of 1 ms",
-                                     options.transfer, client::kMaximumTransferFrames));
+                                     *options.transfer, client::kMaximumTransferFrames));
     }
 }
 

@@ -214,6 +214,7 @@ public:
     double seconds() const;                 // the machine's time since it was made
 
     std::vector<std::uint32_t> rates(); // that the interface's clock offers, Hz, ascending
+    // Since a stream was last opened, or else since the start.
     BusCounters busCounters() const;
     DeviceCounters deviceCounters() const;
     std::vector<std::string> warnings() const; // trace lines that tell of trouble, in order

@@ -63,6 +63,7 @@ struct System::Parts {
 
     void openDevice();
     void start();
+    void countAnew(); // the start-up's own transfers are none of a stream's
     [[noreturn]] void refuse(const std::string& what, NTSTATUS status) const;
 
     SystemOptions options;
@@ -75,6 +76,8 @@ struct System::Parts {
     bool started = false;
     std::u16string link; // of the filter
     std::optional<KsFile> filter;
+    usb::BusCounters busBefore;
+    devices::OutputCounters converterBefore;
 };
 
 System::Parts::Parts(const SystemOptions& asked)
@@ -187,8 +190,10 @@ RenderStream System::openRender(const PcmFormat& format) {
                           static_cast<std::uint32_t>(STATUS_NOT_FOUND));
     }
     const PinConnection connection = makeConnection(pin->id, format);
+    KsFile file = m_parts->filter->createPin(bytesOf(connection));
+    m_parts->countAnew();
     return RenderStream(std::make_unique<RenderStream::Parts>(
-        m_parts->filter->createPin(bytesOf(connection)), format, m_parts->troubles,
+        std::move(file), format, m_parts->troubles,
         [this](std::uint32_t milliseconds) { sleep(milliseconds); }));
 }
 
@@ -208,21 +213,31 @@ std::vector<std::uint32_t> System::rates() {
     return rates;
 }
 
+void System::Parts::countAnew() {
+    busBefore = machine.service<usb::UsbBus>().counters(pdo);
+    converterBefore = device->outputCounters();
+}
+
 BusCounters System::busCounters() const {
-    const auto counters = m_parts->machine.service<usb::UsbBus>().counters(m_parts->pdo);
-    return {.transfers = counters.transfers,
-            .packets = counters.packets,
-            .bytes = counters.bytes,
-            .errors = counters.errors};
+    const usb::BusCounters& before = m_parts->busBefore;
+    const auto now = m_parts->machine.service<usb::UsbBus>().counters(m_parts->pdo);
+    return {.transfers = now.transfers - before.transfers,
+            .packets = now.packets - before.packets,
+            .bytes = now.bytes - before.bytes,
+            .errors = now.errors - before.errors};
 }
 
 DeviceCounters System::deviceCounters() const {
-    const devices::OutputCounters counters = m_parts->device->outputCounters();
-    return {.framesReceived = counters.framesReceived,
-            .framesPlayed = counters.framesPlayed,
-            .underruns = counters.underruns,
-            .overruns = counters.overruns,
-            .measuredRate = counters.measuredRate()};
+    const devices::OutputCounters& before = m_parts->converterBefore;
+    devices::OutputCounters now = m_parts->device->outputCounters();
+    now.framesReceived -= before.framesReceived;
+    now.framesPlayed -= before.framesPlayed;
+    now.playMicroframes -= before.playMicroframes;
+    return {.framesReceived = now.framesReceived,
+            .framesPlayed = now.framesPlayed,
+            .underruns = now.underruns - before.underruns,
+            .overruns = now.overruns - before.overruns,
+            .measuredRate = now.measuredRate()};
 }
 
 std::vector<std::string> System::warnings() const {

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include <fcntl.h>
+#include <regex.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,6 +35,16 @@ void redirect(const std::filesystem::path& path, int descriptor) {
 }
 
 } // namespace
+
+bool matches(const std::string& text, const std::string& pattern) {
+    regex_t compiled;
+    if (regcomp(&compiled, pattern.c_str(), REG_EXTENDED | REG_NOSUB) != 0) {
+        throw std::invalid_argument("no regular expression: " + pattern);
+    }
+    const bool found = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
+    regfree(&compiled);
+    return found;
+}
 
 Workplace::Workplace() : m_folder(makeFolder()), m_streams(makeFolder()) {}
 

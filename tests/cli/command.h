@@ -15,6 +15,9 @@ struct Result {
     std::string err;
 };
 
+// Whether the text has a match of a POSIX extended regular expression.
+bool matches(const std::string& text, const std::string& pattern);
+
 // A folder that goes with the object; commands run in it.
 class Workplace {
 public:
