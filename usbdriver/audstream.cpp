@@ -104,7 +104,7 @@ LONG UsbAudioStream::TestUrbLatency() {
     const UCHAR settingBefore = m_Interface->GetAlternateSetting();
     const NTSTATUS status = m_Interface->SetAlternateInterface(m_Format.bAlternateSetting);
     if (NT_SUCCESS(status)) {
-        result = TestPipeLatency(FindPipe(_audioEndpointAddress));
+        result = TestPipeLatency();
     } else {
         TraceError(kFunction, 113, "m_Interface->SetAlternateInterface(m_Format.bAlternateSetting)",
                    status);
@@ -113,9 +113,15 @@ LONG UsbAudioStream::TestUrbLatency() {
     return result;
 }
 
-// The latency of the data pipe, which is null when the setting has none. 0 on any failure.
-LONG UsbAudioStream::TestPipeLatency(const CUsbPipe* audioPipe) const {
+// With the setting selected that carries audio. 0 on any failure.
+LONG UsbAudioStream::TestPipeLatency() const {
     constexpr const char* kFunction = "UsbAudioStream::TestUrbLatency";
+    const CUsbPipe* audioPipe = nullptr;
+    for (ULONG i = 0; i < m_Interface->GetNumberOfPipes(); ++i) {
+        if (m_Interface->GetPipe(i)->GetEndpointAddress() == _audioEndpointAddress) {
+            audioPipe = m_Interface->GetPipe(i);
+        }
+    }
     if (audioPipe == nullptr) {
         TraceError(kFunction, 122, "!audioPipe");
         return 0;

@@ -149,8 +149,7 @@ private:
     NTSTATUS AllocateDataBuffer();
     NTSTATUS BuildTransfers();
     NTSTATUS BuildFeedbackRequest();
-    CUsbPipe* FindPipe(UCHAR endpointAddress) const;
-    LONG TestPipeLatency(const CUsbPipe* audioPipe) const;
+    LONG TestPipeLatency() const;
 
     // Transfers.
     ULONG TakeStartFrame();

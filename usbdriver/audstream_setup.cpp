@@ -38,29 +38,23 @@ NTSTATUS UsbAudioStream::StreamingSetup() {
 
 NTSTATUS UsbAudioStream::FindPipes() {
     constexpr const char* kFunction = "UsbAudioStream::StreamingSetup";
-    m_Pipe = FindPipe(_audioEndpointAddress);
-    m_FeedbackPipe = _feedbackEndpointAddress == 0 ? nullptr : FindPipe(_feedbackEndpointAddress);
-    if (m_Pipe != nullptr) {
-        DbgPrint("Using audio endpoint\n");
-    }
-    if (m_FeedbackPipe != nullptr) {
-        DbgPrint("Using feedback endpoint\n");
+    m_Pipe = nullptr;
+    m_FeedbackPipe = nullptr;
+    for (ULONG i = 0; i < m_Interface->GetNumberOfPipes(); ++i) {
+        CUsbPipe* const pipe = m_Interface->GetPipe(i);
+        if (pipe->GetEndpointAddress() == _audioEndpointAddress) {
+            DbgPrint("Using audio endpoint\n");
+            m_Pipe = pipe;
+        } else if (pipe->GetEndpointAddress() == _feedbackEndpointAddress) {
+            DbgPrint("Using feedback endpoint\n");
+            m_FeedbackPipe = pipe;
+        }
     }
     if (m_Pipe == nullptr) {
         TraceError(kFunction, 385, "!m_Pipe");
         return STATUS_INTERNAL_ERROR;
     }
     return STATUS_SUCCESS;
-}
-
-CUsbPipe* UsbAudioStream::FindPipe(UCHAR endpointAddress) const {
-    for (ULONG i = 0; i < m_Interface->GetNumberOfPipes(); ++i) {
-        CUsbPipe* const pipe = m_Interface->GetPipe(i);
-        if (pipe->GetEndpointAddress() == endpointAddress) {
-            return pipe;
-        }
-    }
-    return nullptr;
 }
 
 NTSTATUS UsbAudioStream::AllocateDataBuffer() {

@@ -140,7 +140,7 @@ void UsbAudioStream::ResetStatistics() {
 // grid of frames on which their transfers begin, if the transfers have the same length.
 ULONG UsbAudioStream::TakeStartFrame() {
     const ULONG curFrame = QueryBusTime();
-    if (s_ActiveStreams == 0) {
+    if (__atomic_load_n(&s_ActiveStreams, __ATOMIC_ACQUIRE) == 0) {
         s_NextStartFrame.Set(curFrame + kFirstStartAhead);
     }
     const LONG behind = FramesUntil(curFrame + kLeastStartAhead, s_NextStartFrame.Get());
@@ -152,6 +152,7 @@ ULONG UsbAudioStream::TakeStartFrame() {
 }
 
 void UsbAudioStream::StopStreaming() {
+    CheckPageable();
     m_Running.Set(false);
     KeCancelTimer(&m_FeedbackTimer);
     const LONG pending = m_PendingIrps.Count();
@@ -170,6 +171,7 @@ void UsbAudioStream::StopStreaming() {
 }
 
 void UsbAudioStream::Pause() {
+    CheckPageable();
     constexpr int kFeedback = 16; // a constant: part of the text, not a value of the stream
     DbgPrint("Called in %s() line %d feedback %d  \n", "UsbAudioStream::Pause", 303, kFeedback);
     if (m_Running.Get()) {
@@ -179,6 +181,7 @@ void UsbAudioStream::Pause() {
 }
 
 void UsbAudioStream::Resume() {
+    CheckPageable();
     if (!m_Paused) {
         return;
     }

@@ -119,7 +119,7 @@ public:
     void CountIn();
     // The last use of the owner in a completion: after it, a waiting owner may be gone.
     void CountOut();
-    LONG Count() const { return m_Count; }
+    LONG Count() const { return __atomic_load_n(&m_Count, __ATOMIC_ACQUIRE); }
     // PASSIVE_LEVEL, without time-out. Returns when the last IRP has been counted out, and not
     // before that CountOut has let go of this object.
     void Wait();

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <limits>
 #include <random>
 #include <string>
 #include <vector>
