@@ -124,6 +124,7 @@ std::pair<DeviceDescriptors, InterfaceOptions> describe(const std::string& nameO
 
 std::vector<Model> models() {
     std::vector<Model> list;
+    list.reserve(kBuiltIns.size());
     for (const BuiltIn& model : kBuiltIns) {
         list.push_back({model.name, model.text});
     }

@@ -19,7 +19,7 @@ constexpr std::uint32_t kFirstFrameNumber = 1000;
 } // namespace
 
 UsbBus::UsbBus(nt::Machine& machine)
-    : m_machine(machine), m_driver(nt::makeDriver(u"usbhub")),
+    : m_driver(nt::makeDriver(u"usbhub")),
       m_controller(std::make_unique<SimulatedController>(*this, machine.scheduler())),
       m_frameOffset(kFirstFrameNumber) {
     setDispatchRoutines(*m_driver);
@@ -143,8 +143,8 @@ UsbBus::Lock::~Lock() {
     m_bus.m_mutex.unlock();
 }
 
-// Called with the lock held once. A completion routine may submit the next URB with locks of its own
-// held, so it runs without the bus lock, and no other completion runs before it has returned.
+// Called with the lock held once. A completion routine may submit the next URB with locks of its
+// own held, so it runs without the bus lock, and no other completion runs before it has returned.
 void UsbBus::completeEnded() {
     KIRQL before = PASSIVE_LEVEL;
     KeRaiseIrql(DISPATCH_LEVEL, &before);
@@ -222,15 +222,18 @@ void UsbBus::observeCompletion(const Transfer& transfer, NTSTATUS status) {
     }
 }
 
-// "1017.3 #42 port 1 ISOCH_TRANSFER ep 0x01: 80 packets at 1020": frame and microframe of the line.
+// "1017.3 #42 port 1 ISOCH_TRANSFER ep 0x01: 80 packets, from 1020": frame and microframe of the
+// line.
 void UsbBus::traceSubmission(const Transfer& transfer) const {
     const UrbEvent& event = transfer.event;
     std::string what;
-    if (event.function == URB_FUNCTION_ISOCH_TRANSFER) {
+    if (!event.wellFormed) {
+        what = fmt::format(", malformed: {} bytes", event.urb->UrbHeader.Length);
+    } else if (event.function == URB_FUNCTION_ISOCH_TRANSFER) {
         const auto& urb = event.urb->UrbIsochronousTransfer;
         const bool asap = (urb.TransferFlags & USBD_START_ISO_TRANSFER_ASAP) != 0;
-        what = fmt::format(" ep {:#04x}: {} packets at {}", event.endpoint, urb.NumberOfPackets,
-                           asap ? "once" : std::to_string(urb.StartFrame));
+        what = fmt::format(" ep {:#04x}: {} packets, {}", event.endpoint, urb.NumberOfPackets,
+                           asap ? "asap" : fmt::format("from {}", urb.StartFrame));
     } else if (event.endpoint != 0) {
         what = fmt::format(" ep {:#04x}", event.endpoint);
     } else {

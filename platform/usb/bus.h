@@ -59,8 +59,8 @@ public:
     // The rest serves the bus's own files.
 
     // Holds the bus lock. When the outermost one goes, the IRPs of the transfers that have ended
-    // meanwhile are completed, in order, at DISPATCH_LEVEL and without the lock; inside a completion
-    // routine they wait until that has returned.
+    // meanwhile are completed, in order, at DISPATCH_LEVEL and without the lock; inside a
+    // completion routine they wait until that has returned.
     class Lock {
     public:
         explicit Lock(UsbBus& bus);
@@ -95,7 +95,6 @@ private:
     std::string traceTime() const;
     Port* portOf(const DEVICE_OBJECT* pdo) const;
 
-    nt::Machine& m_machine;
     DRIVER_OBJECT* m_driver = nullptr;
 
     mutable std::recursive_mutex m_mutex; // the bus lock

@@ -22,6 +22,7 @@ struct UrbEvent {
     std::uint16_t function = 0; // URB_FUNCTION_..., also once the URB has been written over
     std::uint8_t endpoint = 0;  // address; 0: the default pipe
     std::uint32_t frame = 0;    // bus frame of the submission
+    bool wellFormed = false;    // the function exists, and the URB is long enough for it
     devices::SetupPacket setup; // of a control request
 };
 

@@ -44,28 +44,12 @@ NTSTATUS Port::submit(IRP* irp, URB* urb) {
     transfer.port = this;
     ++m_counters.urbs;
 
-    Result refused;
-    if (const USBD_STATUS malformed = screen(irp, *urb); malformed != USBD_STATUS_SUCCESS) {
-        transfer.event = {.device = m_pdo,
-                          .urb = urb,
-                          .number = m_bus.nextUrbNumber(),
-                          .function = urb->UrbHeader.Function,
-                          .setup = {}};
-        refused = malformed;
-    } else {
-        describe(transfer);
-        transfer.verdict = m_bus.observeSubmission(transfer);
-        if (transfer.verdict.action == UrbVerdict::Action::Unplug) {
-            unplug();
-        }
-        if (m_gone) {
-            refused = USBD_STATUS_DEVICE_GONE;
-        } else if (transfer.verdict.action == UrbVerdict::Action::Refuse) {
-            refused = transfer.verdict.status;
-        } else {
-            refused = start(transfer);
-        }
+    describe(transfer);
+    transfer.verdict = m_bus.observeSubmission(transfer);
+    if (transfer.verdict.action == UrbVerdict::Action::Unplug) {
+        unplug();
     }
+    const Result refused = admit(transfer);
     if (!refused) {
         return STATUS_PENDING;
     }
@@ -78,15 +62,7 @@ NTSTATUS Port::submit(IRP* irp, URB* urb) {
     return irp->IoStatus.Status;
 }
 
-// What can be told without looking further than the header.
-USBD_STATUS Port::screen(const IRP*, const URB& urb) {
-    const std::size_t least = leastUrbLength(urb.UrbHeader.Function);
-    if (least == 0) {
-        return USBD_STATUS_INVALID_URB_FUNCTION;
-    }
-    return urb.UrbHeader.Length < least ? USBD_STATUS_INVALID_PARAMETER : USBD_STATUS_SUCCESS;
-}
-
+// Fills in what the observers see of the URB.
 void Port::describe(Transfer& transfer) {
     URB& urb = *transfer.urb;
     UrbEvent& event = transfer.event;
@@ -95,6 +71,11 @@ void Port::describe(Transfer& transfer) {
     event.number = m_bus.nextUrbNumber();
     event.function = urb.UrbHeader.Function;
     event.frame = m_bus.numberOfFrame(m_controller.frame());
+    const std::size_t least = leastUrbLength(event.function);
+    event.wellFormed = least != 0 && urb.UrbHeader.Length >= least;
+    if (!event.wellFormed) {
+        return;
+    }
     if (const auto request = controlRequestOf(urb)) {
         event.setup = request->setup;
         return;
@@ -124,6 +105,20 @@ void Port::describe(Transfer& transfer) {
     default:
         break;
     }
+}
+
+Port::Result Port::admit(Transfer& transfer) {
+    if (!transfer.event.wellFormed) {
+        return leastUrbLength(transfer.event.function) == 0 ? USBD_STATUS_INVALID_URB_FUNCTION
+                                                            : USBD_STATUS_INVALID_PARAMETER;
+    }
+    if (m_gone) {
+        return USBD_STATUS_DEVICE_GONE;
+    }
+    if (transfer.verdict.action == UrbVerdict::Action::Refuse) {
+        return transfer.verdict.status;
+    }
+    return start(transfer);
 }
 
 Port::Result Port::start(Transfer& transfer) {

@@ -10,6 +10,7 @@
 
 #include "devices/usb_device.h"
 #include "platform/usb/bandwidth.h"
+#include "platform/usb/configuration.h"
 #include "platform/usb/controller.h"
 #include "platform/usb/pipe.h"
 #include "platform/usb/requests.h"
@@ -93,31 +94,13 @@ public:
     Bandwidth fullSpeedShare{devices::Speed::Full}; // of the transaction translator
 
 private:
-    struct Interface {
-        std::uint8_t number = 0;
-        std::uint8_t setting = 0;
-        std::uint8_t interfaceClass = 0, subClass = 0, protocol = 0;
-        USBD_INTERFACE_HANDLE handle = nullptr;
-        std::vector<std::unique_ptr<Pipe>> pipes;
-    };
-    struct Configuration {
-        USBD_CONFIGURATION_HANDLE handle = nullptr;
-        std::vector<std::byte> bytes; // the descriptors as the driver gave them
-        std::vector<Interface> interfaces;
-    };
-    // A change of configuration or setting that is on its way to the device.
-    struct Selection {
-        const Transfer* transfer = nullptr;
-        std::optional<Configuration> configuration; // neither of the two: unconfigure
-        std::optional<Interface> interface;
-    };
     using Result = std::optional<USBD_STATUS>; // nothing: the transfer is on the bus
 
     void endAll(USBD_STATUS status);
 
     // Submission.
-    static USBD_STATUS screen(const IRP* irp, const URB& urb);
     void describe(Transfer& transfer);
+    Result admit(Transfer& transfer);
     Result start(Transfer& transfer);
     bool handOver(Transfer& transfer);
     void finish(Transfer& transfer, USBD_STATUS status);

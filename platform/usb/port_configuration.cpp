@@ -302,7 +302,7 @@ void Port::dropSelection(const Transfer& transfer) {
     m_selection.reset();
 }
 
-Port::Interface* Port::findInterface(std::uint8_t number) {
+Interface* Port::findInterface(std::uint8_t number) {
     if (!m_configuration) {
         return nullptr;
     }

@@ -12,7 +12,6 @@ namespace kelvane::usb {
 
 using devices::kMicroframesPerFrame;
 using devices::Speed;
-using devices::TransferType;
 
 namespace {
 

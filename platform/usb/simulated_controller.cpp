@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <thread>
 #include <tuple>
 
 namespace kelvane::usb {
@@ -54,8 +55,11 @@ SimulatedController::SimulatedController(UsbBus& bus, nt::Scheduler& scheduler)
     : m_bus(bus), m_scheduler(scheduler) {}
 
 SimulatedController::~SimulatedController() {
-    if (m_event != 0) {
-        m_scheduler.cancel(m_event);
+    if (m_event != 0 && m_scheduler.cancel(m_event)) {
+        --m_posted;
+    }
+    while (m_posted != 0) { // on the wall clock an event may be running right now
+        std::this_thread::yield();
     }
 }
 
@@ -82,9 +86,16 @@ void SimulatedController::restore(Port& port, const Reservation& reservation) {
 
 // --- Time
 
-void SimulatedController::run() {
+void SimulatedController::run(std::uint64_t posting) {
+    work(posting);
+    --m_posted;
+}
+
+void SimulatedController::work(std::uint64_t posting) {
     const UsbBus::Lock lock(m_bus);
-    m_event = 0;
+    if (posting == m_posting) { // not one that came too late to be cancelled
+        m_event = 0;
+    }
     const std::uint64_t now = microframe();
     runFrames(now / kMicroframesPerFrame);
     runAsynchronous(now);
@@ -109,12 +120,16 @@ void SimulatedController::arm() {
         if (m_eventTime == next) {
             return;
         }
-        m_scheduler.cancel(m_event);
+        if (m_scheduler.cancel(m_event)) {
+            --m_posted;
+        }
         m_event = 0;
     }
     if (next != kNever) {
+        ++m_posted;
         m_eventTime = next;
-        m_event = m_scheduler.at(next * nt::kMicroframe, [this] { run(); });
+        m_event =
+            m_scheduler.at(next * nt::kMicroframe, [this, posting = ++m_posting] { run(posting); });
     }
 }
 
@@ -295,8 +310,10 @@ void SimulatedController::movePacket(Pipe& pipe, std::uint64_t microframe) {
     transfer.failedPackets += USBD_ERROR(packet.Status) ? 1 : 0;
     if (++transfer.nextPacket == urb.NumberOfPackets) {
         pipe.queue.remove(transfer);
-        const std::uint64_t end = microframe + 1 + port.options().completionDelay +
-                                  port.drawJitter() + transfer.verdict.lateMicroframes;
+        const bool high = port.device().speed() == devices::Speed::High;
+        const std::uint64_t end = roundUp(microframe + 1, high ? 1 : kMicroframesPerFrame) +
+                                  port.options().completionDelay + port.drawJitter() +
+                                  transfer.verdict.lateMicroframes;
         pipe.lastEnd = std::max(end, pipe.lastEnd);
         endAt(transfer, pipe.lastEnd);
     }

@@ -14,6 +14,7 @@
 #include "platform/usb/bandwidth.h"
 #include "platform/usb/controller.h"
 
+#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -45,7 +46,8 @@ private:
     Bandwidth& shareOf(Port& port);
 
     // The clock event.
-    void run();
+    void run(std::uint64_t posting);
+    void work(std::uint64_t posting);
     void arm();
     std::uint64_t nextWork() const;
 
@@ -70,6 +72,8 @@ private:
     UsbBus& m_bus;
     nt::Scheduler& m_scheduler;
     nt::EventId m_event = 0;       // 0: none is posted
+    std::uint64_t m_posting = 0;   // of m_event; each event has a number of its own
+    std::atomic<int> m_posted{0};  // events that have neither run to their end nor been cancelled
     std::uint64_t m_eventTime = 0; // microframe
     Bandwidth m_highSpeedShare{devices::Speed::High};
     bool m_controlPaused = false;
