@@ -9,9 +9,10 @@ namespace kelvane::nt {
 
 void CallbackGuard::report() {
     std::string text = fmt::format("the {} {} ", m_kind, describeAddress(m_routine));
-    if (m_self.lockCount > m_locks) {
-        text += fmt::format("returned with {} spin lock(s) held", m_self.lockCount - m_locks);
-    } else if (m_self.lockCount < m_locks) {
+    const std::size_t held = m_self.locks.count();
+    if (held > m_locks) {
+        text += fmt::format("returned with {} spin lock(s) held", held - m_locks);
+    } else if (held < m_locks) {
         text += "released a spin lock of its caller";
     } else {
         text += fmt::format("was called at IRQL {} and returned at {}", m_irql, m_self.irql);

@@ -15,9 +15,9 @@ public:
     // `kind` is a literal, for example "DPC" or "completion routine".
     CallbackGuard(Thread& self, const char* kind, const void* routine)
         : m_self(self), m_kind(kind), m_routine(routine), m_irql(self.irql),
-          m_locks(self.lockCount) {}
+          m_locks(self.locks.count()) {}
     ~CallbackGuard() {
-        if (m_self.irql != m_irql || m_self.lockCount != m_locks) {
+        if (m_self.irql != m_irql || m_self.locks.count() != m_locks) {
             report();
         }
     }

@@ -81,8 +81,8 @@ bool Dispatcher::check(const DISPATCHER_HEADER* header, std::initializer_list<UC
     if (!accessible(header, "the object", routine)) {
         return false;
     }
-    if (!isKnownType(header->Type) || header->Size == 0 || header->WaitListHead.Flink == nullptr ||
-        header->WaitListHead.Blink == nullptr) {
+    // Both bytes are written once, so no lock is needed to read them; the links would need one.
+    if (!isKnownType(header->Type) || header->Size == 0) {
         breach(Rule::Object, routine,
                fmt::format("the object at {} was never initialised", fmt::ptr(header)));
         return false;
@@ -236,11 +236,8 @@ std::optional<std::string> Dispatcher::inUse(const std::byte* begin, const std::
                                    thread->id, thread->name);
             }
         }
-        for (std::size_t i = 0; i < thread->lockCount; i++) {
-            if (within(thread->locks[i], begin, end)) {
-                return fmt::format("a spin lock that thread {} ({}) holds", thread->id,
-                                   thread->name);
-            }
+        if (thread->locks.anyWithin(begin, end)) {
+            return fmt::format("a spin lock that thread {} ({}) holds", thread->id, thread->name);
         }
         for (const LIST_ENTRY* link = thread->dpcs.Flink; link != &thread->dpcs;
              link = link->Flink) {

@@ -157,9 +157,9 @@ std::vector<std::string> Dispatcher::leftOvers() const {
         if (!IsListEmpty(&thread->dpcs)) {
             lines.push_back(fmt::format("a DPC is still queued on processor {}", thread->id));
         }
-        if (thread->lockCount != 0) {
+        if (thread->locks.count() != 0) {
             lines.push_back(fmt::format("thread {} ({}) still holds {} spin lock(s)", thread->id,
-                                        thread->name, thread->lockCount));
+                                        thread->name, thread->locks.count()));
         }
     }
     return lines;

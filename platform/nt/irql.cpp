@@ -37,10 +37,10 @@ void NTAPI __writecr8(unsigned long long irql) {
         return;
     }
     if (level < DISPATCH_LEVEL && self->irql >= DISPATCH_LEVEL) {
-        if (self->lockCount != 0) {
+        if (self->locks.count() != 0) {
             breach(Rule::SpinLock, "KeLowerIrql",
                    fmt::format("lowered to IRQL {} with {} spin lock(s) held", level,
-                               self->lockCount));
+                               self->locks.count()));
         }
         self->irql = DISPATCH_LEVEL;
         self->machine.dispatcher().runDpcs(*self);

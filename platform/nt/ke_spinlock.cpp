@@ -16,11 +16,6 @@ namespace {
 
 constexpr int kSpinsBeforeYield = 64;
 
-bool holds(const Thread& self, const KSPIN_LOCK* lock) {
-    const auto end = self.locks.begin() + self.lockCount;
-    return std::find(self.locks.begin(), end, lock) != end;
-}
-
 bool tryTake(PKSPIN_LOCK lock) {
     return __atomic_exchange_n(lock, KSPIN_LOCK{1}, __ATOMIC_ACQUIRE) == 0;
 }
@@ -29,7 +24,7 @@ void take(Thread& self, PKSPIN_LOCK lock, const char* routine) {
     if (!resident(lock, "the spin lock", routine)) {
         return;
     }
-    if (holds(self, lock)) {
+    if (self.locks.contains(lock)) {
         breach(Rule::SpinLock, routine,
                fmt::format("lock {} is held by the caller already", fmt::ptr(lock)));
         return;
@@ -47,23 +42,17 @@ void take(Thread& self, PKSPIN_LOCK lock, const char* routine) {
             std::this_thread::yield();
         }
     }
-    if (self.lockCount == self.locks.size()) {
+    if (!self.locks.add(lock)) {
         breach(Rule::SpinLock, routine, "more spin locks held than the machine can count");
-        return;
     }
-    self.locks[self.lockCount++] = lock;
 }
 
 void give(Thread& self, PKSPIN_LOCK lock, const char* routine) {
-    const auto end = self.locks.begin() + self.lockCount;
-    const auto found = std::find(self.locks.begin(), end, lock);
-    if (found == end) {
+    if (!self.locks.remove(lock)) {
         breach(Rule::SpinLock, routine,
                fmt::format("lock {} is not held by the caller", fmt::ptr(lock)));
         return;
     }
-    std::move(found + 1, end, found);
-    self.lockCount--;
     __atomic_store_n(lock, KSPIN_LOCK{0}, __ATOMIC_RELEASE);
 }
 
@@ -114,13 +103,13 @@ void NTAPI KeReleaseSpinLockFromDpcLevel(PKSPIN_LOCK SpinLock) {
 BOOLEAN NTAPI KeTryToAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock) {
     Thread& self = Thread::current();
     wantDispatch(self, __func__);
-    if (holds(self, SpinLock) || __atomic_load_n(SpinLock, __ATOMIC_RELAXED) != 0) {
+    if (self.locks.contains(SpinLock) || __atomic_load_n(SpinLock, __ATOMIC_RELAXED) != 0) {
         return FALSE;
     }
     if (!tryTake(SpinLock)) {
         return FALSE;
     }
-    self.locks[self.lockCount++] = SpinLock;
+    self.locks.add(SpinLock);
     return TRUE;
 }
 

@@ -19,6 +19,43 @@ thread_local const Machine* t_machine = nullptr; // whose thread t_current is
 
 } // namespace
 
+bool HeldLocks::add(PKSPIN_LOCK lock) {
+    const std::size_t held = count();
+    if (held == m_locks.size()) {
+        return false;
+    }
+    m_locks[held].store(lock, std::memory_order_relaxed);
+    m_count.store(held + 1, std::memory_order_relaxed);
+    return true;
+}
+
+bool HeldLocks::remove(PKSPIN_LOCK lock) {
+    const std::size_t held = count();
+    std::size_t at = held;
+    while (at != 0 && m_locks[at - 1].load(std::memory_order_relaxed) != lock) {
+        at--; // the last one taken is mostly the first one released
+    }
+    if (at == 0) {
+        return false;
+    }
+    for (; at < held; at++) {
+        m_locks[at - 1].store(m_locks[at].load(std::memory_order_relaxed),
+                              std::memory_order_relaxed);
+    }
+    m_count.store(held - 1, std::memory_order_relaxed);
+    return true;
+}
+
+bool HeldLocks::anyWithin(const void* begin, const void* end) const {
+    for (std::size_t i = 0; i < count(); i++) {
+        const void* lock = m_locks[i].load(std::memory_order_relaxed);
+        if (lock >= begin && lock < end) {
+            return true;
+        }
+    }
+    return false;
+}
+
 Thread::Thread(Machine& owner, unsigned number, std::string title)
     : machine(owner), id(number), name(std::move(title)),
       process(number == 0 ? kApplicationProcess : kSystemProcess) {

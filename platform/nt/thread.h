@@ -41,6 +41,21 @@ struct Wait {
     const void* caller = nullptr;
 };
 
+// The spin locks that a processor holds. Its own thread writes; others may look, for example for a
+// lock in memory that they free.
+class HeldLocks {
+public:
+    bool add(PKSPIN_LOCK lock); // false when there is no room for one more
+    bool remove(PKSPIN_LOCK lock);
+    bool contains(const KSPIN_LOCK* lock) const { return anyWithin(lock, lock + 1); }
+    bool anyWithin(const void* begin, const void* end) const;
+    std::size_t count() const { return m_count.load(std::memory_order_relaxed); }
+
+private:
+    std::array<std::atomic<PKSPIN_LOCK>, 32> m_locks{}; // in the order of their taking
+    std::atomic<std::size_t> m_count{0};
+};
+
 // What KeGetCurrentThread points at. Signalled when the thread has ended.
 struct ThreadBody {
     DISPATCHER_HEADER header;
@@ -69,9 +84,7 @@ public:
     bool runningDpcs = false;
     unsigned criticalRegions = 0;
 
-    static constexpr std::size_t kMaxLocks = 32;
-    std::array<PKSPIN_LOCK, kMaxLocks> locks{}; // held, in the order of their taking
-    std::size_t lockCount = 0;
+    HeldLocks locks;
 
     LIST_ENTRY dpcs; // queued on this processor; guarded by the dispatcher database's mutex
     std::atomic<unsigned> dpcCount{0};
