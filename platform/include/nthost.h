@@ -77,6 +77,8 @@ __attribute__((ms_abi)) unsigned long long __readgsqword(unsigned int offset);
 __attribute__((ms_abi)) unsigned short __readgsword(unsigned int offset);
 }
 
+// The arguments of these macros are types and names: they bear no parentheses.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define KELVANE_INTERLOCKED(suffix, type)                                                          \
     inline type _InterlockedExchange##suffix(volatile type* target, type value) {                  \
         return __atomic_exchange_n(target, value, __ATOMIC_SEQ_CST);                               \
@@ -142,7 +144,8 @@ inline void __movsd(unsigned int* target, const unsigned int* source, size_t cou
 
 // Port input and output: the inline routines name these, and no driver here may call them.
 #define KELVANE_PORT(name, type)                                                                   \
-    void name(unsigned short port, type* buffer, unsigned int count) __attribute__((error("port I/O")));
+    void name(unsigned short port, type* buffer, unsigned int count)                               \
+        __attribute__((error("port I/O")));
 extern "C" {
 KELVANE_PORT(__inbytestring, unsigned char)
 KELVANE_PORT(__inwordstring, unsigned short)
@@ -158,3 +161,4 @@ void __outword(unsigned short, unsigned short) __attribute__((error("port I/O"))
 void __outdword(unsigned short, unsigned int) __attribute__((error("port I/O")));
 }
 #undef KELVANE_PORT
+// NOLINTEND(bugprone-macro-parentheses)

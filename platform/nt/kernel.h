@@ -45,5 +45,4 @@ NTSTATUS NTAPI ZwSetEvent(HANDLE EventHandle, PLONG PreviousState);
 NTSTATUS NTAPI ZwClearEvent(HANDLE EventHandle);
 // Cancels every request that was sent through the file and waits for their ends.
 NTSTATUS NTAPI ZwCancelIoFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock);
-HANDLE NTAPI PsGetCurrentThreadId(VOID);
 }
