@@ -79,6 +79,7 @@ constexpr std::array kStatuses = {
     KELVANE_NAMED(STATUS_NOT_FOUND),
     KELVANE_NAMED(STATUS_NO_MATCH),
     KELVANE_NAMED(STATUS_PROPSET_NOT_FOUND),
+    KELVANE_NAMED(USBD_STATUS_STALL_PID), // the driver hands the bus's statuses on
 };
 #undef KELVANE_NAMED
 
@@ -103,8 +104,18 @@ std::string statusName(std::uint32_t status) {
     return found != kStatuses.end() ? found->name : fmt::format("0x{:08X}", status);
 }
 
+namespace {
+
+// Behind a name; a status without one is shown that way already.
+std::string hexadecimal(std::uint32_t status) {
+    return statusName(status).starts_with("0x") ? "" : fmt::format(" (0x{:08X})", status);
+}
+
+} // namespace
+
 StatusError::StatusError(const std::string& what, std::uint32_t status, const std::string& details)
-    : std::runtime_error(fmt::format("{}: {}{}", what, statusName(status), details)),
+    : std::runtime_error(
+          fmt::format("{}: {}{}{}", what, statusName(status), hexadecimal(status), details)),
       m_status(status) {}
 
 } // namespace kelvane::client
