@@ -3,7 +3,7 @@
 build_packages="g++ cmake ninja-build mingw-w64-common libcli11-dev libfmt-dev
     nlohmann-json3-dev libsndfile1-dev libsamplerate0-dev"
 test_packages="$build_packages g++-mingw-w64-x86-64 libgtest-dev libbenchmark-dev
-    clang-format clang-tidy"
+    clang-format clang-tidy alsa-utils"
 
 # installed PACKAGE: whether dpkg has it, whole.
 installed() {
