@@ -152,6 +152,29 @@ INSTANTIATE_TEST_SUITE_P(
                std::to_string(std::get<1>(info.param).bits) + "Bit";
     });
 
+// Everything that a stream needs is there before its first completion.
+TEST(Stream, TakesNothingFromThePoolBetweenItsFirstAndItsLastCompletion) {
+    System system({});
+    RenderStream stream = system.openRender({.rate = 48000, .bits = 24, .bytesPerSample = 4});
+    const std::vector<std::byte> sound(stream.bufferBytes(), std::byte{1});
+    stream.acquire();
+    stream.pause();
+    while (stream.queued() < 8) {
+        stream.write(sound);
+    }
+    stream.run();
+    ASSERT_EQ(stream.latency().completions, 0U);
+    const std::uint64_t started = system.poolAllocations();
+    EXPECT_GT(started, 0U);
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_TRUE(stream.waitForQueue(7, kStall));
+        stream.write(sound);
+    }
+    EXPECT_EQ(system.poolAllocations(), started); // asking for the latency takes a buffer
+    EXPECT_GT(stream.latency().completions, 80U);
+    stream.stop();
+}
+
 // Stops with data still queued, so that no line tells of a stream that ran dry: such a line names
 // the pin by its address.
 std::string traceOfRun() {
