@@ -208,15 +208,16 @@ public:
         }
     }
 
-    // Queues a buffer to play, or one to record into.
+    // Queues a buffer to play, or one to record into. Returns what the class driver says; a buffer
+    // that it doesn't take is forgotten.
     template <class T>
-    void write(const std::vector<T>& samples) {
+    NTSTATUS write(const std::vector<T>& samples) {
         Buffer& buffer = add(samples.size() * sizeof(T));
         std::memcpy(buffer.data.data(), samples.data(), buffer.data.size());
         buffer.header.DataUsed = buffer.header.FrameExtent;
-        send(buffer, IOCTL_KS_WRITE_STREAM);
+        return send(buffer, IOCTL_KS_WRITE_STREAM);
     }
-    void read(std::size_t bytes) { send(add(bytes), IOCTL_KS_READ_STREAM); }
+    NTSTATUS read(std::size_t bytes) { return send(add(bytes), IOCTL_KS_READ_STREAM); }
 
     std::size_t finished() const { // buffers that came back
         return static_cast<std::size_t>(std::count_if(
@@ -247,10 +248,14 @@ private:
         buffer.header.Data = buffer.data.data();
         return buffer;
     }
-    void send(Buffer& buffer, ULONG code) {
-        ASSERT_TRUE(NT_SUCCESS(ZwDeviceIoControlFile(m_file.handle(), buffer.done.handle(), nullptr,
-                                                     nullptr, &buffer.result, code, nullptr, 0,
-                                                     &buffer.header, sizeof buffer.header)));
+    NTSTATUS send(Buffer& buffer, ULONG code) {
+        const NTSTATUS status = ZwDeviceIoControlFile(
+            m_file.handle(), buffer.done.handle(), nullptr, nullptr, &buffer.result, code, nullptr,
+            0, &buffer.header, sizeof buffer.header);
+        if (!NT_SUCCESS(status)) {
+            buffers.pop_back();
+        }
+        return status;
     }
 
     client::KsFile m_file;
