@@ -2,8 +2,11 @@
 //
 // It runs while the pin is in a state that processes (KSSTATE_PAUSE and above, or KSSTATE_RUN only)
 // and has a frame (or needs none), again and again until it returns something else than
-// STATUS_SUCCESS. It is never entered twice at a time: an attempt that comes meanwhile lets the
-// running one look once more. No operation but `shutDown` blocks or allocates.
+// STATUS_SUCCESS. Frames that arrive and states that are entered initiate it, unless the pin has
+// KSPIN_FLAG_DO_NOT_INITIATE_PROCESSING: its frames wait until the driver attempts processing.
+//
+// It is never entered twice at a time: an attempt that comes meanwhile lets the running one look
+// once more. No operation but `shutDown` blocks or allocates.
 #pragma once
 
 #include "platform/nt/kernel.h"

@@ -242,8 +242,11 @@ TEST_F(KsTest, IntersectsRangesThatAgree) {
         {"a list longer than the request", [](Request& r) { r.header.Size += 8; }, 64,
          STATUS_INVALID_BUFFER_SIZE, 0, 0},
         {"a range longer than the list",
-         [](Request& r) { r.ranges[0].DataRange.FormatSize = 0xFFFFFFF0; }, 64,
-         STATUS_INVALID_BUFFER_SIZE, 0, 0},
+         [](Request& r) {
+             r.ranges[0] = r.ranges[1]; // it would agree
+             r.ranges[0].DataRange.FormatSize = 0xFFFFFFF0;
+         },
+         64, STATUS_INVALID_BUFFER_SIZE, 0, 0},
         {"a range of nothing", [](Request& r) { r.ranges[0].DataRange.FormatSize = 0; }, 64,
          STATUS_INVALID_BUFFER_SIZE, 0, 0},
         {"attributes that are missing",
