@@ -9,6 +9,7 @@
 #include <sndfile.h>
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <array>
 #include <csignal>
@@ -221,7 +222,8 @@ protected:
             std::distance(std::filesystem::directory_iterator(m_folder), {}));
     }
 
-    std::filesystem::path m_folder = std::filesystem::path(testing::TempDir()) / "wav-sink";
+    std::filesystem::path m_folder =
+        std::filesystem::path(testing::TempDir()) / ("wav-sink-" + std::to_string(getpid()));
 };
 
 TEST_F(WavSinkTest, KeepsEveryBitInAContainerOfTheSubslot) {

@@ -6,6 +6,7 @@
 #include "devices/models.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -41,7 +42,7 @@ std::size_t find(const std::vector<std::byte>& bytes, int type, int subtype = -1
 class TemporaryFile {
 public:
     explicit TemporaryFile(std::span<const std::byte> bytes)
-        : m_path(testing::TempDir() + "dump.bin") {
+        : m_path(testing::TempDir() + "dump-" + std::to_string(getpid()) + ".bin") {
         std::ofstream(m_path, std::ios::binary)
             .write(reinterpret_cast<const char*>(bytes.data()),
                    static_cast<std::streamsize>(bytes.size()));

@@ -3,8 +3,10 @@
 #include "devices/models.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <optional>
@@ -244,11 +246,12 @@ TEST_F(Requests, SelectorsAndFeatures) {
     std::vector<std::byte> bytes(dump.size());
     std::memcpy(bytes.data(), dump.data(), dump.size());
     bytes[20] = static_cast<std::byte>(dump.size() - 18);
-    const std::string path = testing::TempDir() + "selectors.bin";
+    const std::string path = testing::TempDir() + "selectors-" + std::to_string(getpid()) + ".bin";
     std::ofstream(path, std::ios::binary)
         .write(reinterpret_cast<const char*>(bytes.data()),
                static_cast<std::streamsize>(bytes.size()));
     use(path);
+    std::remove(path.c_str());
     configure();
     EXPECT_EQ((*get(0x80, 6, 0x0302, 0x0409, 255))[0], 2 + 2 * 19) << "Interface 1397:0507";
 
