@@ -82,7 +82,9 @@ NTSTATUS UsbAudioDevice::PostStart() {
         return status;
     }
     WCHAR product[32] = {};
-    status = ReadProductString(product, sizeof(product));
+    // A device without one is asked for string 0, its language table: that becomes the name.
+    status = m_UsbDev.GetStringDescriptor(m_UsbDev.GetProductStringIndex(), product,
+                                          sizeof(product), kLanguageEnglishUs);
     if (!NT_SUCCESS(status)) {
         DbgPrint("%s() Error - GetStringDescriptor() failed with NTSTATUS 0x%x\n", kFunction,
                  status);
@@ -98,14 +100,6 @@ NTSTATUS UsbAudioDevice::PostStart() {
     }
     PublishFilter(product);
     return STATUS_SUCCESS;
-}
-
-NTSTATUS UsbAudioDevice::ReadProductString(WCHAR* text, ULONG size) {
-    const UCHAR index = m_UsbDev.GetProductStringIndex();
-    if (index == 0) { // the device has no product string
-        return STATUS_SUCCESS;
-    }
-    return m_UsbDev.GetStringDescriptor(index, text, size, kLanguageEnglishUs);
 }
 
 bool UsbAudioDevice::IsInDfuMode() const {

@@ -72,7 +72,6 @@ private:
     NTSTATUS ReadSetting(const WCHAR* name, ULONG* value) const;
     void WriteSetting(const WCHAR* name, ULONG value) const;
 
-    NTSTATUS ReadProductString(WCHAR* text, ULONG size);
     bool IsInDfuMode() const;
     NTSTATUS StartAudio();
     NTSTATUS Enumerate();

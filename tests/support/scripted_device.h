@@ -134,6 +134,7 @@ public:
                  3,
                  1},
           configuration(std::move(configurationBytes)) {
+        strings[0] = {4, 3, 0x09, 0x04}; // US English
         strings[2] = stringDescriptor(u"Scripted");
     }
 

@@ -34,7 +34,7 @@ Bytes controlConfiguration(const Bytes& descriptors, bool listens = false) {
 Bytes twoClocks() {
     return joined({{9, 0x24, 1, 0, 2, 8, 60, 0, 0},
                    clockSource(kFirst, 3, 5),
-                   clockSource(kSecond, 0x10, 0),
+                   clockSource(kSecond, 0x10, 6),
                    clockSelector(kSelector, {kFirst, kSecond})});
 }
 
@@ -133,7 +133,7 @@ TEST_F(AudioControlTest, AsksForTheStateOfTheSelectedClock) {
     EXPECT_EQ(first.bClockSelectorID, kSelector);
     EXPECT_EQ(first.attributes, 0x13u); // programmable, valid
     const KSCLOCK_SOURCE_INFO second = info(1);
-    EXPECT_EQ(second.name[0], 0);
+    EXPECT_EQ(second.name[0], 0); // the device refused to tell
     EXPECT_EQ(second.attributes, 0u); // external; its validity was never asked for
     KSCLOCK_SOURCE_INFO none;
     EXPECT_FALSE(control->getClockSourceInfo(2, &none));
