@@ -9,7 +9,7 @@
 namespace kelvane::client {
 namespace {
 
-namespace usb = devices::usb;
+namespace spec = devices::usb;
 
 std::string className(const devices::AlternateSetting& setting) {
     struct Known {
@@ -18,9 +18,9 @@ std::string className(const devices::AlternateSetting& setting) {
         const char* name;
     };
     constexpr std::array kKnown = {
-        Known{usb::kAudio, usb::kAudioControl, "AudioControl"},
-        Known{usb::kAudio, usb::kAudioStreaming, "AudioStreaming"},
-        Known{usb::kAudio, 3, "MIDIStreaming"},
+        Known{spec::kAudio, spec::kAudioControl, "AudioControl"},
+        Known{spec::kAudio, spec::kAudioStreaming, "AudioStreaming"},
+        Known{spec::kAudio, 3, "MIDIStreaming"},
         Known{0x03, -1, "HID"},
         Known{0xFE, 1, "DFU"},
         Known{0xFF, -1, "vendor-specific"},
@@ -51,8 +51,8 @@ std::string endpointKind(const devices::Endpoint& endpoint) {
 std::uint8_t clockText(const devices::Configuration& configuration, std::uint8_t clock) {
     devices::DescriptorWalk walk(configuration.bytes);
     while (const auto descriptor = walk.next()) {
-        if (descriptor->type() == usb::kCsInterface && descriptor->length() >= 8 &&
-            descriptor->subtype() == usb::kClockSource && descriptor->u8(3) == clock) {
+        if (descriptor->type() == spec::kCsInterface && descriptor->length() >= 8 &&
+            descriptor->subtype() == spec::kClockSource && descriptor->u8(3) == clock) {
             return descriptor->u8(7);
         }
     }

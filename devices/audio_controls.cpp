@@ -1,5 +1,6 @@
 #include "devices/audio_controls.h"
 
+#include "devices/control_reply.h"
 #include "devices/usb_spec.h"
 
 #include <algorithm>
@@ -10,8 +11,6 @@ namespace kelvane::devices {
 
 namespace {
 
-constexpr ControlReply kStall{.stalled = true, .length = 0, .microframes = 1};
-constexpr std::uint32_t kQuick = 2;   // microframes of a request that only reads or writes a value
 constexpr std::uint32_t kRelock = 16; // microframes until a clock generator runs at another rate
 
 // Volume range, UAC2 5.2.5.7.2: 1/256 dB.
@@ -27,13 +26,6 @@ Access accessOf(std::uint32_t controls, std::uint8_t controlSelector) {
 
 std::uint16_t key(std::uint8_t interfaceNumber, std::uint8_t entity) {
     return static_cast<std::uint16_t>(interfaceNumber << 8 | entity);
-}
-
-// Copies as much of a parameter block as the host asked for.
-ControlReply reply(std::span<const std::byte> block, std::span<std::byte> data) {
-    const std::size_t length = std::min(block.size(), data.size());
-    std::ranges::copy(block.first(length), data.begin());
-    return {.stalled = false, .length = length, .microframes = kQuick};
 }
 
 template <class T>

@@ -2,6 +2,7 @@
 
 #include "devices/simulated_interface.h"
 
+#include "devices/control_reply.h"
 #include "devices/usb_spec.h"
 
 #include <algorithm>
@@ -10,23 +11,11 @@ namespace kelvane::devices {
 
 namespace {
 
-constexpr ControlReply kStall{.stalled = true, .length = 0, .microframes = 1};
-// Setup, data and status stage of a request that a device answers at once.
-constexpr std::uint32_t kQuick = 2;
 // Microframes until a device has set up its endpoints anew.
 constexpr std::uint32_t kReconfigure = 8;
-constexpr std::size_t kBytesPerMicroframe = 512; // of a control data stage, roughly
 
 ControlReply done(std::uint32_t microframes = kQuick) {
     return {.stalled = false, .length = 0, .microframes = microframes};
-}
-
-ControlReply reply(std::span<const std::byte> bytes, std::span<std::byte> data) {
-    const std::size_t length = std::min(bytes.size(), data.size());
-    std::ranges::copy(bytes.first(length), data.begin());
-    return {.stalled = false,
-            .length = length,
-            .microframes = static_cast<std::uint32_t>(kQuick + length / kBytesPerMicroframe)};
 }
 
 } // namespace

@@ -21,13 +21,6 @@ constexpr UCHAR kClockSelectorControl = 0x01;     // CX_CLOCK_SELECTOR_CONTROL
 
 constexpr UCHAR kTransferTypeInterrupt = 3; // of bmAttributes & 3 (USB 2.0, table 9-13)
 
-struct ClassDescriptor {
-    UCHAR bLength;
-    UCHAR bDescriptorType;
-    UCHAR bDescriptorSubtype;
-};
-static_assert(sizeof(ClassDescriptor) == 3);
-
 // USB Audio 2.0, table 4-6.
 struct ClockSourceDescriptor {
     UCHAR bLength;
@@ -203,10 +196,8 @@ void AudioControlInterface::AddClockSource(const USB_COMMON_DESCRIPTOR* descript
     info.index = index;
     info.bClockID = source->bClockID;
     info.attributes = source->bmAttributes & kClockTypeMask;
-    if (source->iClockSource != 0) { // 0: the clock has no name
-        m_Provider->GetDevice()->GetStringDescriptor(source->iClockSource, info.name,
-                                                     sizeof(info.name), kLanguageEnglishUs);
-    }
+    m_Provider->GetDevice()->GetStringDescriptor(source->iClockSource, info.name, sizeof(info.name),
+                                                 kLanguageEnglishUs);
 }
 
 void AudioControlInterface::TakeClockSelector(const USB_COMMON_DESCRIPTOR* descriptor) {

@@ -16,12 +16,6 @@ struct AsGeneralDescriptor {
 };
 static_assert(sizeof(AsGeneralDescriptor) == 16);
 
-struct ClassDescriptor {
-    UCHAR bLength;
-    UCHAR bDescriptorType;
-    UCHAR bDescriptorSubtype;
-};
-
 struct FormatTypeDescriptor {
     ClassDescriptor header;
     UCHAR bFormatType;

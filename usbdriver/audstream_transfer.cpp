@@ -227,6 +227,9 @@ NTSTATUS UsbAudioStream::SubmitAudioUrb(CIsocUrb* isocUrb, ULONG startFrame) {
 NTSTATUS UsbAudioStream::SubmitIsocUrb(CIsocUrb* isocUrb, CUsbPipe* pipe) {
     DriverAssertAs("isocUrb != NULL", isocUrb != nullptr);
     DriverAssertAs("pipe != NULL", pipe != nullptr);
+    if (isocUrb == nullptr || pipe == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
     m_PendingIrps.CountIn();
     const NTSTATUS status = pipe->CallDriver(isocUrb->GetIrp());
     if (!NT_SUCCESS(status)) {

@@ -110,23 +110,24 @@ NTSTATUS NTAPI getHeaderSize(PIRP irp, PKSIDENTIFIER, PVOID) {
     return reply(*irp, &bytes, sizeof(bytes));
 }
 
-constexpr KSPROPERTY_ITEM item(ULONG id, PFNKSHANDLER get, ULONG minData,
-                               PFNKSHANDLER set = nullptr) {
-    return {id, {get}, sizeof(KSPROPERTY), minData, {set}, nullptr, 0, nullptr, nullptr, 0};
-}
-
 const KSPROPERTY_ITEM kConnectionItems[] = {
-    item(KSPROPERTY_CONNECTION_STATE, getState, sizeof(KSSTATE), setState),
-    item(KSPROPERTY_CONNECTION_PRIORITY, getPriority, sizeof(KSPRIORITY), setPriority),
-    item(KSPROPERTY_CONNECTION_DATAFORMAT, getFormat, 0),
-    item(KSPROPERTY_CONNECTION_DATAFORMAT, nullptr, sizeof(KSDATAFORMAT), setFormat),
-    item(KSPROPERTY_CONNECTION_ALLOCATORFRAMING, getFraming, sizeof(KSALLOCATOR_FRAMING)),
-    item(KSPROPERTY_CONNECTION_ALLOCATORFRAMING_EX, getFramingEx, 0),
-    item(KSPROPERTY_CONNECTION_PROPOSEDATAFORMAT, nullptr, sizeof(KSDATAFORMAT), proposeFormat),
+    propertyItem(KSPROPERTY_CONNECTION_STATE, getState, sizeof(KSPROPERTY), sizeof(KSSTATE),
+                 setState),
+    propertyItem(KSPROPERTY_CONNECTION_PRIORITY, getPriority, sizeof(KSPROPERTY),
+                 sizeof(KSPRIORITY), setPriority),
+    propertyItem(KSPROPERTY_CONNECTION_DATAFORMAT, getFormat, sizeof(KSPROPERTY), 0),
+    propertyItem(KSPROPERTY_CONNECTION_DATAFORMAT, nullptr, sizeof(KSPROPERTY),
+                 sizeof(KSDATAFORMAT), setFormat),
+    propertyItem(KSPROPERTY_CONNECTION_ALLOCATORFRAMING, getFraming, sizeof(KSPROPERTY),
+                 sizeof(KSALLOCATOR_FRAMING)),
+    propertyItem(KSPROPERTY_CONNECTION_ALLOCATORFRAMING_EX, getFramingEx, sizeof(KSPROPERTY), 0),
+    propertyItem(KSPROPERTY_CONNECTION_PROPOSEDATAFORMAT, nullptr, sizeof(KSPROPERTY),
+                 sizeof(KSDATAFORMAT), proposeFormat),
 };
 
 const KSPROPERTY_ITEM kStreamInterfaceItems[] = {
-    item(KSPROPERTY_STREAMINTERFACE_HEADERSIZE, getHeaderSize, sizeof(ULONG)),
+    propertyItem(KSPROPERTY_STREAMINTERFACE_HEADERSIZE, getHeaderSize, sizeof(KSPROPERTY),
+                 sizeof(ULONG)),
 };
 
 constexpr GUID kConnectionSet = {STATIC_KSPROPSETID_Connection};

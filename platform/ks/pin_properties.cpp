@@ -112,30 +112,27 @@ NTSTATUS NTAPI proposeFormat(PIRP irp, PKSIDENTIFIER request, PVOID data) {
                : STATUS_NO_MATCH;
 }
 
-constexpr KSPROPERTY_ITEM item(ULONG id, PFNKSHANDLER get, ULONG minProperty, ULONG minData,
-                               PFNKSHANDLER set = nullptr) {
-    return {id, {get}, minProperty, minData, {set}, nullptr, 0, nullptr, nullptr, 0};
-}
-
 } // namespace
 
 const KSPROPERTY_ITEM kPinSetItems[kPinSetCount] = {
-    item(KSPROPERTY_PIN_CINSTANCES, describePin, sizeof(KSP_PIN), sizeof(KSPIN_CINSTANCES)),
-    item(KSPROPERTY_PIN_CTYPES, countPinTypes, sizeof(KSPROPERTY), sizeof(ULONG)),
-    item(KSPROPERTY_PIN_DATAFLOW, describePin, sizeof(KSP_PIN), sizeof(KSPIN_DATAFLOW)),
-    item(KSPROPERTY_PIN_DATARANGES, describePin, sizeof(KSP_PIN), 0),
-    item(KSPROPERTY_PIN_DATAINTERSECTION, intersectData, sizeof(KSP_PIN) + sizeof(KSMULTIPLE_ITEM),
-         0),
-    item(KSPROPERTY_PIN_INTERFACES, describePin, sizeof(KSP_PIN), 0),
-    item(KSPROPERTY_PIN_MEDIUMS, describePin, sizeof(KSP_PIN), 0),
-    item(KSPROPERTY_PIN_COMMUNICATION, describePin, sizeof(KSP_PIN), sizeof(KSPIN_COMMUNICATION)),
-    item(KSPROPERTY_PIN_GLOBALCINSTANCES, describePin, sizeof(KSP_PIN), sizeof(KSPIN_CINSTANCES)),
-    item(KSPROPERTY_PIN_NECESSARYINSTANCES, describePin, sizeof(KSP_PIN), sizeof(ULONG)),
-    item(KSPROPERTY_PIN_CATEGORY, describePin, sizeof(KSP_PIN), sizeof(GUID)),
-    item(KSPROPERTY_PIN_NAME, describePin, sizeof(KSP_PIN), 0),
-    item(KSPROPERTY_PIN_CONSTRAINEDDATARANGES, describePin, sizeof(KSP_PIN), 0),
-    item(KSPROPERTY_PIN_PROPOSEDATAFORMAT, nullptr, sizeof(KSP_PIN), sizeof(KSDATAFORMAT),
-         proposeFormat),
+    propertyItem(KSPROPERTY_PIN_CINSTANCES, describePin, sizeof(KSP_PIN), sizeof(KSPIN_CINSTANCES)),
+    propertyItem(KSPROPERTY_PIN_CTYPES, countPinTypes, sizeof(KSPROPERTY), sizeof(ULONG)),
+    propertyItem(KSPROPERTY_PIN_DATAFLOW, describePin, sizeof(KSP_PIN), sizeof(KSPIN_DATAFLOW)),
+    propertyItem(KSPROPERTY_PIN_DATARANGES, describePin, sizeof(KSP_PIN), 0),
+    propertyItem(KSPROPERTY_PIN_DATAINTERSECTION, intersectData,
+                 sizeof(KSP_PIN) + sizeof(KSMULTIPLE_ITEM), 0),
+    propertyItem(KSPROPERTY_PIN_INTERFACES, describePin, sizeof(KSP_PIN), 0),
+    propertyItem(KSPROPERTY_PIN_MEDIUMS, describePin, sizeof(KSP_PIN), 0),
+    propertyItem(KSPROPERTY_PIN_COMMUNICATION, describePin, sizeof(KSP_PIN),
+                 sizeof(KSPIN_COMMUNICATION)),
+    propertyItem(KSPROPERTY_PIN_GLOBALCINSTANCES, describePin, sizeof(KSP_PIN),
+                 sizeof(KSPIN_CINSTANCES)),
+    propertyItem(KSPROPERTY_PIN_NECESSARYINSTANCES, describePin, sizeof(KSP_PIN), sizeof(ULONG)),
+    propertyItem(KSPROPERTY_PIN_CATEGORY, describePin, sizeof(KSP_PIN), sizeof(GUID)),
+    propertyItem(KSPROPERTY_PIN_NAME, describePin, sizeof(KSP_PIN), 0),
+    propertyItem(KSPROPERTY_PIN_CONSTRAINEDDATARANGES, describePin, sizeof(KSP_PIN), 0),
+    propertyItem(KSPROPERTY_PIN_PROPOSEDATAFORMAT, nullptr, sizeof(KSP_PIN), sizeof(KSDATAFORMAT),
+                 proposeFormat),
 };
 
 } // namespace kelvane::ks

@@ -6,6 +6,12 @@
 
 namespace kelvane::ks {
 
+// A row of a property set. `minProperty` and `minData` in bytes.
+constexpr KSPROPERTY_ITEM propertyItem(ULONG id, PFNKSHANDLER get, ULONG minProperty,
+                                       ULONG minData = 0, PFNKSHANDLER set = nullptr) {
+    return {id, {get}, minProperty, minData, {set}, nullptr, 0, nullptr, nullptr, 0};
+}
+
 extern const KSAUTOMATION_TABLE kFilterAutomation;
 extern const KSAUTOMATION_TABLE kPinAutomation;
 

@@ -68,19 +68,16 @@ NTSTATUS NTAPI getComponentId(PIRP irp, PKSIDENTIFIER, PVOID) {
     return component == nullptr ? STATUS_NOT_FOUND : reply(*irp, component, sizeof(*component));
 }
 
-constexpr KSPROPERTY_ITEM item(ULONG id, PFNKSHANDLER get, ULONG minProperty, ULONG minData = 0) {
-    return {id, {get}, minProperty, minData, {nullptr}, nullptr, 0, nullptr, nullptr, 0};
-}
-
 const KSPROPERTY_ITEM kTopologyItems[] = {
-    item(KSPROPERTY_TOPOLOGY_CATEGORIES, listCategories, sizeof(KSPROPERTY)),
-    item(KSPROPERTY_TOPOLOGY_NODES, listNodes, sizeof(KSPROPERTY)),
-    item(KSPROPERTY_TOPOLOGY_CONNECTIONS, listConnections, sizeof(KSPROPERTY)),
-    item(KSPROPERTY_TOPOLOGY_NAME, nameNode, sizeof(KSP_NODE)),
+    propertyItem(KSPROPERTY_TOPOLOGY_CATEGORIES, listCategories, sizeof(KSPROPERTY)),
+    propertyItem(KSPROPERTY_TOPOLOGY_NODES, listNodes, sizeof(KSPROPERTY)),
+    propertyItem(KSPROPERTY_TOPOLOGY_CONNECTIONS, listConnections, sizeof(KSPROPERTY)),
+    propertyItem(KSPROPERTY_TOPOLOGY_NAME, nameNode, sizeof(KSP_NODE)),
 };
 
 const KSPROPERTY_ITEM kGeneralItems[] = {
-    item(KSPROPERTY_GENERAL_COMPONENTID, getComponentId, sizeof(KSPROPERTY), sizeof(KSCOMPONENTID)),
+    propertyItem(KSPROPERTY_GENERAL_COMPONENTID, getComponentId, sizeof(KSPROPERTY),
+                 sizeof(KSCOMPONENTID)),
 };
 
 constexpr GUID kPinSet = {STATIC_KSPROPSETID_Pin};

@@ -36,7 +36,7 @@ std::u16string queryId(DEVICE_OBJECT* pdo, BUS_QUERY_ID_TYPE type) {
         return u"";
     }
     auto* text = reinterpret_cast<WCHAR*>(information);
-    const std::u16string id = copyString(text);
+    std::u16string id = copyString(text);
     ExFreePool(text);
     return id;
 }

@@ -118,6 +118,28 @@ SetupPacket setupOf(const UCHAR (&bytes)[8]) {
             .wLength = word(bytes[7], bytes[6])};
 }
 
+ControlRequest configurationRequest(_URB_CONTROL_GET_CONFIGURATION_REQUEST& urb) {
+    return withData({.bmRequestType = kIn, .bRequest = spec::kGetConfiguration}, urb.TransferBuffer,
+                    urb.TransferBufferMDL, urb.TransferBufferLength);
+}
+
+ControlRequest settingRequest(_URB_CONTROL_GET_INTERFACE_REQUEST& urb) {
+    return withData({.bmRequestType = kIn | spec::kToInterface,
+                     .bRequest = spec::kGetInterface,
+                     .wValue = 0,
+                     .wIndex = urb.Interface},
+                    urb.TransferBuffer, urb.TransferBufferMDL, urb.TransferBufferLength);
+}
+
+// The length of the buffer counts, whatever the packet says.
+template <class Transfer>
+ControlRequest rawRequest(Transfer& urb, ULONG timeout) {
+    ControlRequest request = withData(setupOf(urb.SetupPacket), urb.TransferBuffer,
+                                      urb.TransferBufferMDL, urb.TransferBufferLength);
+    request.timeout = timeout;
+    return request;
+}
+
 } // namespace
 
 std::optional<ControlRequest> controlRequestOf(URB& urb) {
@@ -157,31 +179,14 @@ std::optional<ControlRequest> controlRequestOf(URB& urb) {
     case URB_FUNCTION_CLASS_ENDPOINT:
     case URB_FUNCTION_CLASS_OTHER:
         return vendorOrClassRequest(urb.UrbControlVendorClassRequest, recipient, spec::kTypeClass);
-    case URB_FUNCTION_GET_CONFIGURATION: {
-        auto& get = urb.UrbControlGetConfigurationRequest;
-        return withData({.bmRequestType = kIn, .bRequest = spec::kGetConfiguration},
-                        get.TransferBuffer, get.TransferBufferMDL, get.TransferBufferLength);
-    }
-    case URB_FUNCTION_GET_INTERFACE: {
-        auto& get = urb.UrbControlGetInterfaceRequest;
-        return withData({.bmRequestType = kIn | spec::kToInterface,
-                         .bRequest = spec::kGetInterface,
-                         .wValue = 0,
-                         .wIndex = get.Interface},
-                        get.TransferBuffer, get.TransferBufferMDL, get.TransferBufferLength);
-    }
-    case URB_FUNCTION_CONTROL_TRANSFER: {
-        auto& control = urb.UrbControlTransfer;
-        return withData(setupOf(control.SetupPacket), control.TransferBuffer,
-                        control.TransferBufferMDL, control.TransferBufferLength);
-    }
-    case URB_FUNCTION_CONTROL_TRANSFER_EX: {
-        auto& control = urb.UrbControlTransferEx;
-        ControlRequest request = withData(setupOf(control.SetupPacket), control.TransferBuffer,
-                                          control.TransferBufferMDL, control.TransferBufferLength);
-        request.timeout = control.Timeout;
-        return request;
-    }
+    case URB_FUNCTION_GET_CONFIGURATION:
+        return configurationRequest(urb.UrbControlGetConfigurationRequest);
+    case URB_FUNCTION_GET_INTERFACE:
+        return settingRequest(urb.UrbControlGetInterfaceRequest);
+    case URB_FUNCTION_CONTROL_TRANSFER:
+        return rawRequest(urb.UrbControlTransfer, 0);
+    case URB_FUNCTION_CONTROL_TRANSFER_EX:
+        return rawRequest(urb.UrbControlTransferEx, urb.UrbControlTransferEx.Timeout);
     default:
         return std::nullopt;
     }

@@ -87,6 +87,54 @@ std::string text(const devices::SetupPacket& setup) {
     return line.data();
 }
 
+// Fills in the fields of a control URB from which `setup` is to come.
+void fillControl(URB& urb, USHORT function, const std::string& setup, std::span<UCHAR, 8> data) {
+    switch (function) {
+    case URB_FUNCTION_GET_CONFIGURATION:
+        urb.UrbControlGetConfigurationRequest.TransferBuffer = data.data();
+        urb.UrbControlGetConfigurationRequest.TransferBufferLength = 1;
+        break;
+    case URB_FUNCTION_GET_INTERFACE:
+        urb.UrbControlGetInterfaceRequest.TransferBuffer = data.data();
+        urb.UrbControlGetInterfaceRequest.TransferBufferLength = 1;
+        urb.UrbControlGetInterfaceRequest.Interface = 7;
+        break;
+    case URB_FUNCTION_CONTROL_TRANSFER:
+    case URB_FUNCTION_CONTROL_TRANSFER_EX: {
+        auto& control = urb.UrbControlTransfer;
+        control.TransferFlags = USBD_DEFAULT_PIPE_TRANSFER | USBD_TRANSFER_DIRECTION_IN;
+        control.TransferBuffer = data.data();
+        control.TransferBufferLength = 6; // counts, whatever the packet says
+        const UCHAR packet[8] = {0xA1, 2, 0, 1, 0, 0x29, 99, 0};
+        std::memcpy(control.SetupPacket, packet, 8);
+        break;
+    }
+    default:
+        if (setup[3] == '0' && (setup[4] == '6' || setup[4] == '7')) {
+            auto& descriptor = urb.UrbControlDescriptorRequest;
+            descriptor.DescriptorType = 3;
+            descriptor.Index = 5;
+            descriptor.LanguageId = 0x0409;
+            descriptor.TransferBuffer = data.data();
+            descriptor.TransferBufferLength = 8;
+        } else if (setup.ends_with(" 2")) {
+            urb.UrbControlGetStatusRequest.Index = 3;
+            urb.UrbControlGetStatusRequest.TransferBuffer = data.data();
+            urb.UrbControlGetStatusRequest.TransferBufferLength = 2;
+        } else if (setup.ends_with(" 0")) {
+            urb.UrbControlFeatureRequest.FeatureSelector = 1;
+            urb.UrbControlFeatureRequest.Index = 2;
+        } else {
+            auto& other = urb.UrbControlVendorClassRequest;
+            other.Request = 1;
+            other.Value = 0x0102;
+            other.Index = 0x2900;
+            other.TransferBuffer = data.data();
+            other.TransferBufferLength = 4;
+        }
+    }
+}
+
 TEST(UsbUrb, ControlFunctionsBecomeTheirSetupPackets) {
     const auto device = std::make_shared<Recorder>();
     BusMachine machine(device);
@@ -124,51 +172,7 @@ TEST(UsbUrb, ControlFunctionsBecomeTheirSetupPackets) {
         std::array<UCHAR, 8> data{};
         Request request(machine.pdo);
         URB& urb = request.urb();
-        switch (testCase.function) {
-        case URB_FUNCTION_GET_CONFIGURATION:
-            urb.UrbControlGetConfigurationRequest.TransferBuffer = data.data();
-            urb.UrbControlGetConfigurationRequest.TransferBufferLength = 1;
-            break;
-        case URB_FUNCTION_GET_INTERFACE:
-            urb.UrbControlGetInterfaceRequest.TransferBuffer = data.data();
-            urb.UrbControlGetInterfaceRequest.TransferBufferLength = 1;
-            urb.UrbControlGetInterfaceRequest.Interface = 7;
-            break;
-        case URB_FUNCTION_CONTROL_TRANSFER:
-        case URB_FUNCTION_CONTROL_TRANSFER_EX: {
-            auto& control = urb.UrbControlTransfer;
-            control.TransferFlags = USBD_DEFAULT_PIPE_TRANSFER | USBD_TRANSFER_DIRECTION_IN;
-            control.TransferBuffer = data.data();
-            control.TransferBufferLength = 6; // counts, whatever the packet says
-            const UCHAR packet[8] = {0xA1, 2, 0, 1, 0, 0x29, 99, 0};
-            std::memcpy(control.SetupPacket, packet, 8);
-            break;
-        }
-        default:
-            if (testCase.setup[3] == '0' &&
-                (testCase.setup[4] == '6' || testCase.setup[4] == '7')) {
-                auto& descriptor = urb.UrbControlDescriptorRequest;
-                descriptor.DescriptorType = 3;
-                descriptor.Index = 5;
-                descriptor.LanguageId = 0x0409;
-                descriptor.TransferBuffer = data.data();
-                descriptor.TransferBufferLength = 8;
-            } else if (std::string(testCase.setup).ends_with(" 2")) {
-                urb.UrbControlGetStatusRequest.Index = 3;
-                urb.UrbControlGetStatusRequest.TransferBuffer = data.data();
-                urb.UrbControlGetStatusRequest.TransferBufferLength = 2;
-            } else if (std::string(testCase.setup).ends_with(" 0")) {
-                urb.UrbControlFeatureRequest.FeatureSelector = 1;
-                urb.UrbControlFeatureRequest.Index = 2;
-            } else {
-                auto& other = urb.UrbControlVendorClassRequest;
-                other.Request = 1;
-                other.Value = 0x0102;
-                other.Index = 0x2900;
-                other.TransferBuffer = data.data();
-                other.TransferBufferLength = 4;
-            }
-        }
+        fillControl(urb, testCase.function, testCase.setup, data);
         urb.UrbHeader.Length = sizeof(URB);
         urb.UrbHeader.Function = testCase.function;
         device->setups.clear();

@@ -20,6 +20,14 @@ constexpr UCHAR kInterfaceDescriptor = 4;
 constexpr UCHAR kEndpointDescriptor = 5;
 constexpr UCHAR kClassSpecificInterface = 0x24;
 
+// The header of every class-specific descriptor (USB Audio 2.0, 4.7.2).
+struct ClassDescriptor {
+    UCHAR bLength;
+    UCHAR bDescriptorType;
+    UCHAR bDescriptorSubtype;
+};
+static_assert(sizeof(ClassDescriptor) == 3);
+
 // What is wrong with a configuration, and at which byte.
 struct DescriptorFault {
     const char* reason = nullptr; // null: nothing
