@@ -131,6 +131,7 @@ void StreamQueue::keepRecord(Request& request) {
 // The array is copied before it is judged, since its owner could change it meanwhile.
 NTSTATUS StreamQueue::copyHeaders(IRP& irp, Request& request) {
     const bool write = pin->DataFlow == KSPIN_DATAFLOW_IN;
+    request.raisesEnd = (pin->Descriptor->Flags & KSPIN_FLAG_GENERATE_EOS_EVENTS) != 0;
     RtlCopyMemory(request.headers(), irp.UserBuffer, request.headerBytes);
     auto* bytes = reinterpret_cast<UCHAR*>(request.headers());
     for (ULONG left = request.headerBytes; left != 0;) {
@@ -311,7 +312,7 @@ VOID NTAPI StreamQueue::cancelRequest(PDEVICE_OBJECT, PIRP irp) {
 }
 
 void StreamQueue::raiseEndOfStream(Request& request) {
-    if ((pin->Descriptor->Flags & KSPIN_FLAG_GENERATE_EOS_EVENTS) == 0) {
+    if (!request.raisesEnd) {
         return;
     }
     for (ULONG i = 0; i < request.frameCount; ++i) {

@@ -38,6 +38,7 @@ struct Request {
     ULONG framesLeft;  // that are not finished
     ULONG headerBytes; // of the client's whole array
     ULONG capacity;    // bytes of the block
+    bool raisesEnd;    // the pin reports the end of the stream; its descriptor may be paged
     bool aborted;      // no pointer may come to its frames any more
     bool cancelRan;    // the cancel routine has been called: it leaves the completion to the queue
     bool cancelComing; // the cancel routine was about to be called: it completes the request

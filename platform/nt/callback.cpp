@@ -17,7 +17,7 @@ void CallbackGuard::report() {
     } else {
         text += fmt::format("was called at IRQL {} and returned at {}", m_irql, m_self.irql);
     }
-    m_self.irql = m_irql;
+    m_self.setIrql(m_irql);
     breach(Rule::IrqlChanged, m_kind, text);
 }
 

@@ -109,7 +109,7 @@ void Dispatcher::runDpcs(Thread& self) {
         return;
     }
     const KIRQL before = self.irql;
-    self.irql = DISPATCH_LEVEL;
+    self.setIrql(DISPATCH_LEVEL);
     self.runningDpcs = true;
     auto guard = lock();
     while (!IsListEmpty(&self.dpcs)) {
@@ -135,7 +135,7 @@ void Dispatcher::runDpcs(Thread& self) {
     }
     guard.unlock();
     self.runningDpcs = false;
-    self.irql = before;
+    self.setIrql(before);
 }
 
 void Dispatcher::flushDpcs() {

@@ -42,10 +42,10 @@ void NTAPI __writecr8(unsigned long long irql) {
                    fmt::format("lowered to IRQL {} with {} spin lock(s) held", level,
                                self->locks.count()));
         }
-        self->irql = DISPATCH_LEVEL;
+        self->setIrql(DISPATCH_LEVEL);
         self->machine.dispatcher().runDpcs(*self);
     }
-    self->irql = level;
+    self->setIrql(level);
 }
 
 unsigned long long NTAPI __readgsqword(unsigned int offset) {

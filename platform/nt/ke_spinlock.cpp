@@ -71,7 +71,7 @@ KIRQL NTAPI KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock) {
     Thread& self = Thread::current();
     irqlAtMost(DISPATCH_LEVEL);
     const KIRQL before = self.irql;
-    self.irql = std::max<KIRQL>(before, DISPATCH_LEVEL);
+    self.setIrql(std::max<KIRQL>(before, DISPATCH_LEVEL));
     take(self, SpinLock, __func__);
     return before;
 }

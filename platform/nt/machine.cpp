@@ -33,7 +33,11 @@ std::unique_ptr<Scheduler> makeScheduler(Machine& machine, ClockKind kind) {
 struct Machine::Parts {
     Parts(Machine& machine, MachineOptions options)
         : rules(std::move(options.breaches)), trace(std::move(options.trace)), dispatcher(machine),
-          scheduler(makeScheduler(machine, options.clock)), workQueue(machine) {}
+          scheduler(makeScheduler(machine, options.clock)), workQueue(machine) {
+        if (options.trapPagedAccess && options.clock == ClockKind::Virtual) {
+            pool.trapPagedAccess();
+        }
+    }
 
     Rules rules;
     Trace trace;
@@ -63,7 +67,7 @@ Machine::Machine(MachineOptions options) {
 
 Machine::~Machine() {
     irqlExactly(PASSIVE_LEVEL, "~Machine");
-    Thread::current().irql = PASSIVE_LEVEL;
+    Thread::current().setIrql(PASSIVE_LEVEL);
     while (!m_parts->services.empty()) {
         m_parts->services.pop_back();
     }

@@ -32,6 +32,9 @@ struct MachineOptions {
     ClockKind clock = ClockKind::Virtual;
     TraceSink trace;        // every trace line; may be empty
     BreachHandler breaches; // every broken rule; when empty, the report goes to stderr and aborts
+    // On the virtual clock: catch every access to paged pool at DISPATCH_LEVEL, not only those of
+    // the kernel's own routines. Costs a page fault where code below that level touches it again.
+    bool trapPagedAccess = false;
 };
 
 // A part of the machine that another room adds, for example the class driver or a bus.

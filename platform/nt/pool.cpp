@@ -72,15 +72,21 @@ Pool::~Pool() {
     drop();
 }
 
-Pool::Block Pool::makeBlock(std::size_t bytes) {
+Pool::Block Pool::makeBlock(std::size_t bytes, bool paged) {
     Block block;
     block.bytes = bytes;
+    block.paged = paged;
     // As the kernel does: a page or more starts on a page.
     const std::size_t alignment = bytes >= PAGE_SIZE ? PAGE_SIZE : 16;
     block.front = std::max(alignment, kGuardBytes);
     const std::size_t total = footprint(block);
-    block.base = static_cast<std::byte*>(
-        std::aligned_alloc(alignment, (total + alignment - 1) / alignment * alignment));
+    if (paged && m_arena != nullptr) {
+        const std::scoped_lock guard(m_mutex);
+        block.base = m_arena->allocate(total, alignment);
+    } else {
+        block.base = static_cast<std::byte*>(
+            std::aligned_alloc(alignment, (total + alignment - 1) / alignment * alignment));
+    }
     if (block.base == nullptr) {
         return block;
     }
@@ -104,9 +110,27 @@ bool Pool::takeFault() {
     return true;
 }
 
+namespace {
+
+// The pool's own reads and writes of paged blocks are no driver's.
+class OwnAccess {
+public:
+    OwnAccess() {
+        if (PagedArena::active() != nullptr) {
+            PagedArena::active()->open();
+        }
+    }
+    ~OwnAccess() { Thread::current().setIrql(Thread::current().irql); }
+    OwnAccess(const OwnAccess&) = delete;
+    OwnAccess& operator=(const OwnAccess&) = delete;
+};
+
+} // namespace
+
 void* Pool::allocate(POOL_TYPE type, std::size_t bytes, ULONG tag, const char* routine) {
     const bool paged = isPagedType(type);
     const KIRQL irql = Thread::current().irql;
+    const OwnAccess access;
     if (paged && irql > APC_LEVEL) {
         breach(Rule::PagedMemory, routine,
                fmt::format("paged pool '{}' allocated at IRQL {}", tagText(tag), irql));
@@ -127,30 +151,29 @@ void* Pool::allocate(POOL_TYPE type, std::size_t bytes, ULONG tag, const char* r
             return nullptr;
         }
     }
-    Block block = makeBlock(bytes);
+    Block block = makeBlock(bytes, paged);
     if (block.base == nullptr) {
         return nullptr; // the host itself is out of memory
     }
-    return keep(std::move(block), tag, paged);
+    return keep(block, tag);
 }
 
 void* Pool::allocateOwn(std::size_t bytes, ULONG tag) {
-    return keep(makeBlock(bytes), tag, false);
+    return keep(makeBlock(bytes, false), tag);
 }
 
-void* Pool::keep(Block block, ULONG tag, bool paged) {
+void* Pool::keep(Block block, ULONG tag) {
     block.tag = tag;
-    block.paged = paged;
     block.allocated = Backtrace::here(1);
     std::byte* user = block.user();
     const std::scoped_lock guard(m_mutex);
     m_counters.blocks++;
     m_counters.bytes += block.bytes;
     m_counters.peakBytes = std::max(m_counters.peakBytes, m_counters.bytes);
-    if (paged) {
+    if (block.paged) {
         m_paged.emplace(user, block.bytes);
     }
-    m_blocks.emplace(user, std::move(block));
+    m_blocks.emplace(user, block);
     return user;
 }
 
@@ -176,6 +199,7 @@ std::optional<std::string> usedWithin(const std::byte* begin, const std::byte* e
 } // namespace
 
 void Pool::free(void* address, ULONG tag, const char* routine) {
+    const OwnAccess access;
     auto* user = static_cast<std::byte*>(address);
     const KIRQL irql = Thread::current().irql;
     Block block;
@@ -290,7 +314,16 @@ void Pool::release(const Block& block, std::vector<Complaint>& complaints) {
         }
         complaints.push_back({Rule::UseAfterFree, text});
     }
-    std::free(block.base);
+    giveBack(block);
+}
+
+void Pool::giveBack(const Block& block) {
+    ASAN_UNPOISON_MEMORY_REGION(block.user() - kGuardBytes, block.bytes + 2 * kGuardBytes);
+    if (block.paged && m_arena != nullptr) {
+        m_arena->free(block.base);
+    } else {
+        std::free(block.base);
+    }
 }
 
 void Pool::complain(const std::vector<Complaint>& complaints, const char* routine) const {
@@ -300,6 +333,7 @@ void Pool::complain(const std::vector<Complaint>& complaints, const char* routin
 }
 
 void Pool::checkFreed(const char* routine) {
+    const OwnAccess access;
     std::vector<Complaint> complaints;
     {
         const std::scoped_lock guard(m_mutex);
@@ -370,16 +404,13 @@ std::vector<PoolLeak> Pool::leaks() const {
 void Pool::drop() {
     const std::scoped_lock guard(m_mutex);
     for (const auto& [user, block] : m_blocks) {
-        ASAN_UNPOISON_MEMORY_REGION(block.user() - kGuardBytes, block.bytes + 2 * kGuardBytes);
-        std::free(block.base);
+        giveBack(block);
     }
     for (const Block& block : m_freed) {
-        ASAN_UNPOISON_MEMORY_REGION(block.user() - kGuardBytes, block.bytes + 2 * kGuardBytes);
-        std::free(block.base);
+        giveBack(block);
     }
     for (const Block& block : m_kept) {
-        ASAN_UNPOISON_MEMORY_REGION(block.user() - kGuardBytes, block.bytes + 2 * kGuardBytes);
-        std::free(block.base);
+        giveBack(block);
     }
     m_blocks.clear();
     m_paged.clear();

@@ -6,12 +6,14 @@
 #include "platform/nt/kernel.h"
 
 #include "platform/nt/backtrace.h"
+#include "platform/nt/paged_arena.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -57,6 +59,9 @@ public:
     // Of one tag: blocks in use and their bytes.
     PoolCounters counters(ULONG tag) const;
 
+    // Paged pool comes from an arena that is closed at DISPATCH_LEVEL. Before the first allocation.
+    void trapPagedAccess() { m_arena = std::make_unique<PagedArena>(); }
+
     // The n-th allocation from now fails; 1 is the next one, 0 takes the order back.
     void failAllocation(std::uint64_t n);
     // Counts an allocation that has memory of its own, an IRP for example; false lets it fail.
@@ -86,8 +91,9 @@ private:
     };
     struct Complaint;
 
-    static Block makeBlock(std::size_t bytes);
-    void* keep(Block block, ULONG tag, bool paged);
+    Block makeBlock(std::size_t bytes, bool paged);
+    void* keep(Block block, ULONG tag);
+    void giveBack(const Block& block);
     static std::size_t footprint(const Block& block);
     static std::optional<std::size_t> damagedGuard(const Block& block);
     static std::optional<std::size_t> damagedPoison(const Block& block);
@@ -97,6 +103,7 @@ private:
     bool takeFault();
 
     mutable std::mutex m_mutex;
+    std::unique_ptr<PagedArena> m_arena; // null: paged pool comes from where all pool comes from
     std::map<const std::byte*, Block> m_blocks; // in use, by the caller's first byte
     std::map<const std::byte*, std::size_t> m_paged;
     std::deque<Block> m_freed;

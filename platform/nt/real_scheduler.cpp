@@ -71,7 +71,7 @@ void RealScheduler::entered(Thread& self) {
         return;
     }
     Thread& clock = m_machine.dispatcher().addThread("clock");
-    clock.irql = DISPATCH_LEVEL;
+    clock.setIrql(DISPATCH_LEVEL);
     m_clockThread = &clock;
     m_machine.dispatcher().startThread(clock, [this, &clock] { runEvents(clock); });
 }

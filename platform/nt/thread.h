@@ -5,6 +5,7 @@
 
 #include "platform/nt/kernel.h"
 
+#include "platform/nt/paged_arena.h"
 #include "platform/nt/scheduler.h"
 
 #include <array>
@@ -75,12 +76,18 @@ public:
     static void setCurrent(Thread* thread);
 
     unsigned processor() const;
+    void setIrql(KIRQL level) {
+        if (level >= DISPATCH_LEVEL && PagedArena::active() != nullptr) {
+            PagedArena::active()->close();
+        }
+        irql = level;
+    }
 
     Machine& machine;
     const unsigned id;
     const std::string name;
-    ULONG_PTR process; // the process ID that PsGetCurrentProcessId gives
-    KIRQL irql = PASSIVE_LEVEL;
+    ULONG_PTR process;          // the process ID that PsGetCurrentProcessId gives
+    KIRQL irql = PASSIVE_LEVEL; // read it; setIrql writes
     bool runningDpcs = false;
     unsigned criticalRegions = 0;
 

@@ -47,13 +47,13 @@ bool VirtualScheduler::runNextEvent(Thread& self) {
     m_now = std::max(m_now, *when);
     const std::function<void()> routine = m_events.take();
     const KIRQL before = self.irql;
-    self.irql = DISPATCH_LEVEL;
+    self.setIrql(DISPATCH_LEVEL);
     {
         const CallbackGuard callback(self, "clock event", nullptr);
         routine();
     }
     m_machine.dispatcher().runDpcs(self);
-    self.irql = before;
+    self.setIrql(before);
     return true;
 }
 

@@ -178,6 +178,15 @@ const RuleCase kMemoryCases[] = {
          char* memory = block(64, PagedPool);
          atDispatch([&] { ExFreePool(memory); });
      }},
+    {"paged pool read", Rule::PagedMemory, "memory access",
+     [] {
+         volatile char* memory = block(5000, PagedPool);
+         memory[4999] = 'x';
+         atDispatch([&] { EXPECT_EQ(memory[4999], 'x'); });
+         memory[4999] = 'y'; // below DISPATCH_LEVEL, all is well
+         EXPECT_EQ(Machine::current().rules().count(), 1u);
+         ExFreePool(const_cast<char*>(memory));
+     }},
     {"paged event", Rule::PagedMemory, "KeInitializeEvent",
      [] {
          char* memory = block(64, PagedPool);

@@ -491,6 +491,7 @@ protected:
         options.breaches = [](const nt::Breach& breach) {
             ADD_FAILURE() << breach.report();
         };
+        options.trapPagedAccess = true;
         m_machine = std::make_unique<nt::Machine>(std::move(options));
         m_bus = nt::makeDriver(u"KsTestBus");
         for (auto& major : m_bus->MajorFunction) {

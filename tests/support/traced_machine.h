@@ -19,7 +19,8 @@ class TracedMachine {
 public:
     TracedMachine()
         : machine({.trace = [this](const nt::TraceRecord& record) { add(record.text); },
-                   .breaches = {}}),
+                   .breaches = {},
+                   .trapPagedAccess = true}),
           bus(machine.service<usb::UsbBus>()) {}
 
     // Whole records, as they were printed.
