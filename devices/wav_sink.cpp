@@ -19,17 +19,17 @@ constexpr std::size_t kSamplesPerWrite = 16'384;
 // The header counts bytes in 32 bits; room is left for itself.
 constexpr std::uint64_t kMostBytes = 0xFFFF'0000;
 
-int containerOf(std::uint8_t subslotBytes) {
-    switch (subslotBytes) {
-    case 1:
+// As many bits as the converter has: what travels below them in a subslot it can't play.
+int containerOf(const AudioFormat& format) {
+    const int subslotBits = 8 * format.subslotBytes;
+    const int bits = format.bits == 0 ? subslotBits : std::min<int>(format.bits, subslotBits);
+    if (bits <= 8) {
         return SF_FORMAT_PCM_U8;
-    case 2:
-        return SF_FORMAT_PCM_16;
-    case 3:
-        return SF_FORMAT_PCM_24;
-    default:
-        return SF_FORMAT_PCM_32;
     }
+    if (bits <= 16) {
+        return SF_FORMAT_PCM_16;
+    }
+    return bits <= 24 ? SF_FORMAT_PCM_24 : SF_FORMAT_PCM_32;
 }
 
 // A little-endian sample of 1 to 4 bytes, left-justified in 32 bits.
@@ -92,7 +92,7 @@ void WavSink::open() {
     SF_INFO info{};
     info.samplerate = static_cast<int>(m_format.rate);
     info.channels = m_format.channels;
-    info.format = SF_FORMAT_WAV | containerOf(m_format.subslotBytes);
+    info.format = SF_FORMAT_WAV | containerOf(m_format);
     m_file.reset(sf_open(partPath().c_str(), SFM_WRITE, &info));
     if (m_file == nullptr) {
         fail(sf_strerror(nullptr));

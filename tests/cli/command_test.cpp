@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
 #include <cmath>
 #include <csignal>
 #include <cstring>
@@ -66,7 +67,7 @@ std::vector<int> makeNoise(std::size_t count, int bits) {
     for (int& sample : samples) {
         sample = static_cast<int>(random() & (~0U << (32 - bits)));
     }
-    std::fill_n(samples.begin(), std::min<std::size_t>(count, 8), 1 << 24);
+    std::fill_n(samples.begin(), std::min<std::size_t>(count, 8), INT_MIN); // full scale
     return samples;
 }
 
@@ -119,7 +120,7 @@ struct Good {
 void expectHeard(const std::vector<int>& samples, int channels, int rate, const Sound& heard) {
     const auto perFrame = static_cast<std::size_t>(channels);
     const auto side = [&](std::size_t frame, std::size_t channel) {
-        return samples[frame * perFrame + (channels == 1 ? 0 : channel)] >> 8;
+        return samples[frame * perFrame + (channels == 1 ? 0 : channel)] & ~0xFF;
     };
     ASSERT_EQ(heard.info.channels, 2);
     ASSERT_EQ(heard.info.samplerate, rate);
@@ -131,7 +132,7 @@ void expectHeard(const std::vector<int>& samples, int channels, int rate, const 
     ASSERT_GE(heard.samples.size(), first + 2 * frames);
     for (std::size_t i = first; i < heard.samples.size(); ++i) {
         const std::size_t frame = (i - first) / 2;
-        ASSERT_EQ(heard.samples[i] >> 8, frame < frames ? side(frame, (i - first) % 2) : 0)
+        ASSERT_EQ(heard.samples[i], frame < frames ? side(frame, (i - first) % 2) : 0)
             << "frame " << frame;
     }
 }

@@ -5,6 +5,7 @@
 #include "devices/sample_clock.h"
 #include "devices/wav_sink.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
@@ -226,9 +227,10 @@ protected:
         std::filesystem::path(testing::TempDir()) / ("wav-sink-" + std::to_string(getpid()));
 };
 
-TEST_F(WavSinkTest, KeepsEveryBitInAContainerOfTheSubslot) {
+TEST_F(WavSinkTest, KeepsTheBitsThatTheConverterHas) {
     struct Case {
         std::uint8_t subslotBytes;
+        std::uint8_t bits;
         int container;
         std::vector<std::byte> samples; // two channels, two frames
         std::array<int, 4> read;        // left-justified
@@ -242,23 +244,34 @@ TEST_F(WavSinkTest, KeepsEveryBitInAContainerOfTheSubslot) {
     };
     const Case cases[] = {
         {2,
+         16,
          SF_FORMAT_PCM_16,
          b({0x01, 0x80, 0xFF, 0x7F, 0, 0, 0x34, 0x12}),
          {static_cast<int>(0x80010000U), 0x7FFF0000, 0, 0x12340000}},
         {3,
+         24,
          SF_FORMAT_PCM_24,
          b({1, 0, 0x80, 0xFF, 0xFF, 0x7F, 0, 0, 0, 0x56, 0x34, 0x12}),
          {static_cast<int>(0x80000100U), 0x7FFFFF00, 0, 0x12345600}},
         {4,
+         32,
          SF_FORMAT_PCM_32,
          b({1, 0, 0, 0x80, 0xFF, 0xFF, 0xFF, 0x7F, 0, 0, 0, 0, 0x78, 0x56, 0x34, 0x12}),
          {static_cast<int>(0x80000001U), 0x7FFFFFFF, 0, 0x12345678}},
+        // A saturated sum is one above the lowest value: at 24 bits that is full scale.
+        {4,
+         24,
+         SF_FORMAT_PCM_24,
+         b({1, 0, 0, 0x80, 0xFF, 0xFF, 0xFF, 0x7F, 0, 0, 0, 0, 0x78, 0x56, 0x34, 0x12}),
+         {static_cast<int>(0x80000000U), 0x7FFFFF00, 0, 0x12345600}},
     };
     for (const Case& testCase : cases) {
-        SCOPED_TRACE(int{testCase.subslotBytes});
+        SCOPED_TRACE(fmt::format("{} bits in {}", testCase.bits, testCase.subslotBytes));
         WavSink sink(path("heard.wav"));
-        sink.start(
-            {.rate = 96000, .channels = 2, .subslotBytes = testCase.subslotBytes, .bits = 16});
+        sink.start({.rate = 96000,
+                    .channels = 2,
+                    .subslotBytes = testCase.subslotBytes,
+                    .bits = testCase.bits});
         sink.play(testCase.samples);
         EXPECT_FALSE(std::filesystem::exists(path("heard.wav"))) << "named before it is whole";
         sink.finish();
