@@ -123,6 +123,31 @@ void MixPairs(std::byte* bus, const std::byte* client, const Run& run) {
     }
 }
 
+// Frame by frame, where one side has more channels: four of them, two, one.
+template <typename Client>
+void MixFrames(std::byte* bus, const std::byte* client, const Run& run) {
+    const std::uint32_t moved = MovedChannels(run);
+    for (std::uint32_t frame = 0; frame < run.frames; ++frame) {
+        std::byte* to = bus;
+        const std::byte* from = client;
+        for (std::uint32_t left = moved / 4; left > 0; --left) {
+            Store128(to, AddSaturated(Load128(to), Client::Four(from)));
+            to += 4 * kBusBytes;
+            from += 4 * Client::kBytes;
+        }
+        if ((moved & 2) != 0) {
+            Store64(to, AddSaturated(Load64(to), Client::Two(from)));
+            to += 2 * kBusBytes;
+            from += 2 * Client::kBytes;
+        }
+        if ((moved & 1) != 0) {
+            MixOne<Client>(to, from);
+        }
+        bus += run.busChannels * kBusBytes;
+        client += run.clientChannels * Client::kBytes;
+    }
+}
+
 template <typename Client>
 void Mix(std::byte* bus, const std::byte* client, const Run& run) {
     if (run.clientChannels == run.busChannels) {
@@ -130,7 +155,7 @@ void Mix(std::byte* bus, const std::byte* client, const Run& run) {
     } else if (MovedChannels(run) == 2) {
         MixPairs<Client>(bus, client, run);
     } else {
-        MixScalar<Client>(bus, client, run);
+        MixFrames<Client>(bus, client, run);
     }
 }
 
