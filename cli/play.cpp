@@ -1,5 +1,4 @@
-// `kelvane play`: a file through the driver into the interface.
-#include "cli/command.h"
+#include "cli/commands.h"
 
 #include "cli/interrupt.h"
 #include "cli/playsource.h"
@@ -8,8 +7,6 @@
 #include "cli/terminal.h"
 #include "cli/tracelog.h"
 
-#include <CLI/Config.hpp>
-#include <CLI/Formatter.hpp>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -25,15 +22,6 @@ using client::InputError;
 constexpr std::size_t kBuffersInFlight = 8; // as many as the pin's allocator framing asks for
 // A buffer lasts one transfer, at most 128 ms, and the first waits for two more to be scheduled.
 constexpr std::uint32_t kStallMilliseconds = 2000;
-
-struct PlayOptions {
-    std::string file;
-    std::string trace;
-    std::uint32_t rate = 0;               // Hz; 0: as the file, or as near as the device has it
-    std::optional<std::int64_t> transfer; // 1 ms bus frames; none: as the driver has it
-    bool json = false;
-    client::SystemOptions system;
-};
 
 std::string joined(const std::vector<std::uint32_t>& values) {
     return fmt::format("{}", fmt::join(values, ", "));
@@ -126,14 +114,14 @@ void pump(const PlayOptions& options, client::System& system, PlaySource& source
 void finish(const PlayOptions& options, PlayReport& report) {
     const int columns = terminalWidth(STDOUT_FILENO);
     if (options.json) {
-        fmt::print("{}\n", reportJson(report).dump(2));
+        fmt::print("{}\n", reportJson(report));
     } else {
         fmt::print("{}", reportText(report, columns));
     }
     flushStandardOutput();
 }
 
-int play(PlayOptions options) {
+int run(PlayOptions options) {
     AudioFile file(options.file);
     TraceLog trace(options.trace);
     options.system.trace = trace.sink();
@@ -208,40 +196,9 @@ void checkOptions(const PlayOptions& options) {
 
 } // namespace
 
-void addPlay(CLI::App& app, Action& action) {
-    CLI::App* command =
-        app.add_subcommand("play", "Play an audio file through the driver into an interface");
-    auto options = std::make_shared<PlayOptions>();
-    command
-        ->add_option("file", options->file, "Any file that libsndfile reads: WAV, FLAC, Ogg, ...")
-        ->required()
-        ->type_name("FILE");
-    addDeviceOptions(*command, options->system, false);
-    command
-        ->add_option("--device-output", options->system.outputFile,
-                     "Write what the interface's converter played to this WAV file")
-        ->type_name("OUT.wav");
-    command
-        ->add_option("--rate", options->rate,
-                     "Sample rate of the device in Hz; the file is converted when it has another")
-        ->type_name("HZ");
-    command
-        ->add_option("--buffer", options->transfer,
-                     "Transfer size in bus frames of 1 ms (default: the driver's, 10)")
-        ->type_name("FRAMES");
-    command
-        ->add_flag("--trace{-}", options->trace,
-                   "Show the driver's trace on standard error, or write it to a file: --trace=FILE")
-        ->type_name("[=FILE]");
-    command->add_flag("--json", options->json, "Print the report as JSON");
-    command->footer(
-        "Example:\n  kelvane play song.wav --rate 96000 --buffer 5 --device-output heard.wav");
-    command->callback([&action, options] {
-        action = [options] {
-            checkOptions(*options);
-            return play(*options);
-        };
-    });
+int play(const PlayOptions& options) {
+    checkOptions(options);
+    return run(options);
 }
 
 } // namespace kelvane::cli

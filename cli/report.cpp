@@ -1,6 +1,7 @@
 #include "cli/report.h"
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -101,13 +102,13 @@ std::string reportText(const PlayReport& report, int columns) {
     return text;
 }
 
-nlohmann::ordered_json reportJson(const PlayReport& report) {
+std::string reportJson(const PlayReport& report) {
     using Json = nlohmann::ordered_json;
     Json warnings = Json::array();
     for (const RepeatedLine& line : countLines(report.warnings)) {
         warnings.push_back({{"text", line.text}, {"count", line.count}});
     }
-    return {
+    const Json document = {
         {"version", 1},
         {"command", "play"},
         {"file",
@@ -144,6 +145,7 @@ nlohmann::ordered_json reportJson(const PlayReport& report) {
         {"notes", report.notes},
         {"warnings", warnings},
     };
+    return document.dump(2);
 }
 
 } // namespace kelvane::cli

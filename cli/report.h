@@ -4,8 +4,6 @@
 #include "cli/audiofile.h"
 #include "client/client.h"
 
-#include <nlohmann/json.hpp>
-
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -32,7 +30,7 @@ struct PlayReport {
 std::string reportText(const PlayReport& report, int columns);
 
 // The shape is documented in docs/command.md; "version" is 1.
-nlohmann::ordered_json reportJson(const PlayReport& report);
+std::string reportJson(const PlayReport& report);
 
 // One bar per millisecond of lateness, up to the last that has any completion.
 std::string latenessChart(const client::LatencyStatistics& latency, int columns);

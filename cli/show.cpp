@@ -1,40 +1,13 @@
-#include "cli/show.h"
+#include "cli/commands.h"
 
-#include "cli/command.h"
 #include "cli/terminal.h"
 #include "cli/tracelog.h"
 
-#include <CLI/Config.hpp>
-#include <CLI/Formatter.hpp>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 namespace kelvane::cli {
 namespace {
-
-struct ShowOptions {
-    std::string trace;
-    bool json = false;
-    bool dot = false;
-    client::SystemOptions system;
-};
-
-int show(ShowOptions& options) {
-    TraceLog trace(options.trace);
-    options.system.trace = trace.sink();
-    client::FilterInfo filter;
-    {
-        client::System system(options.system);
-        filter = system.describe();
-    }
-    if (options.json) {
-        fmt::print("{}\n", showJson(filter, options.system.device).dump(2));
-    } else {
-        fmt::print("{}", options.dot ? showDot(filter) : showText(filter));
-    }
-    flushStandardOutput();
-    trace.finish();
-    return 0;
-}
 
 std::string ratesText(const client::FormatRange& range) {
     return range.minimumRate == range.maximumRate
@@ -142,8 +115,7 @@ nlohmann::ordered_json interfaceJson(const client::InterfaceInfo& interface) {
             {"endpoints", endpoints}};
 }
 
-} // namespace
-
+// Lines that end in a newline.
 std::string showText(const client::FilterInfo& filter) {
     std::string text = fmt::format("{}\n{}\n\ncategories\n  {}\n", filter.friendlyName,
                                    filter.symbolicLink, fmt::join(filter.categories, "\n  "));
@@ -171,7 +143,8 @@ std::string showText(const client::FilterInfo& filter) {
     return text + interfacesText(filter);
 }
 
-nlohmann::ordered_json showJson(const client::FilterInfo& filter, const std::string& device) {
+// The shape is documented in docs/command.md; "version" is 1.
+std::string showJson(const client::FilterInfo& filter, const std::string& device) {
     using Json = nlohmann::ordered_json;
     Json pins = Json::array();
     Json nodes = Json::array();
@@ -202,17 +175,18 @@ nlohmann::ordered_json showJson(const client::FilterInfo& filter, const std::str
     for (const client::InterfaceInfo& interface : filter.interfaces) {
         interfaces.push_back(interfaceJson(interface));
     }
-    return {{"version", 1},
-            {"command", "show"},
-            {"device", device},
-            {"friendlyName", filter.friendlyName},
-            {"symbolicLink", filter.symbolicLink},
-            {"categories", filter.categories},
-            {"pins", pins},
-            {"nodes", nodes},
-            {"connections", connections},
-            {"clocks", clocks},
-            {"interfaces", interfaces}};
+    const Json document = {{"version", 1},
+                           {"command", "show"},
+                           {"device", device},
+                           {"friendlyName", filter.friendlyName},
+                           {"symbolicLink", filter.symbolicLink},
+                           {"categories", filter.categories},
+                           {"pins", pins},
+                           {"nodes", nodes},
+                           {"connections", connections},
+                           {"clocks", clocks},
+                           {"interfaces", interfaces}};
+    return document.dump(2);
 }
 
 std::string showDot(const client::FilterInfo& filter) {
@@ -234,23 +208,25 @@ std::string showDot(const client::FilterInfo& filter) {
     return text + "}\n";
 }
 
-void addShow(CLI::App& app, Action& action) {
-    CLI::App* command = app.add_subcommand(
-        "show", "Show what the driver publishes: pins, formats, nodes, clocks, endpoints");
-    auto options = std::make_shared<ShowOptions>();
-    addDeviceOptions(*command, options->system, true);
-    CLI::Option* json = command->add_flag("--json", options->json, "Print JSON");
-    command->add_flag("--dot", options->dot, "Print the filter as a Graphviz graph")
-        ->excludes(json);
-    command->add_flag("--trace{-}", options->trace,
-                      "Show the driver's trace on standard error, or write it to a file: "
-                      "--trace=FILE");
-    command->footer("Example:\n  kelvane show dump.bin --as-vendor 20b1");
-    command->callback([&action, options] {
-        action = [options] {
-            return show(*options);
-        };
-    });
+} // namespace
+
+int show(const ShowOptions& options) {
+    TraceLog trace(options.trace);
+    client::SystemOptions machine = options.system;
+    machine.trace = trace.sink();
+    client::FilterInfo filter;
+    {
+        client::System system(machine);
+        filter = system.describe();
+    }
+    if (options.json) {
+        fmt::print("{}\n", showJson(filter, options.system.device));
+    } else {
+        fmt::print("{}", options.dot ? showDot(filter) : showText(filter));
+    }
+    flushStandardOutput();
+    trace.finish();
+    return 0;
 }
 
 } // namespace kelvane::cli
