@@ -47,6 +47,7 @@ build() {
     local preset=$1 log=build/$1.log
     shift
     local launcher=()
+    export CCACHE_SLOPPINESS=pch_defines,time_macros # what it asks for precompiled headers
     command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
     if ! {
         [ -f "build/$preset/build.ninja" ] || cmake --preset "$preset" "${launcher[@]}"
