@@ -3,6 +3,7 @@
 #include "client/interfaces.h"
 #include "client/kshandle.h"
 #include "client/pinformat.h"
+#include "client/refusal.h"
 #include "client/renderstream.h"
 #include "client/topology.h"
 #include "client/troubles.h"
@@ -141,14 +142,11 @@ void System::Parts::start() {
 
 void System::Parts::refuse(const std::string& what, NTSTATUS status) const {
     std::string reasons;
+    for (const std::string& reason : refusalReasons(device->descriptors())) {
+        reasons += "\n  " + reason;
+    }
     for (const std::string& line : troubles.lines()) {
         reasons += "\n  " + line;
-    }
-    const std::uint16_t vendor = device->descriptors().vendor;
-    constexpr std::uint16_t kOther = 0x20B1; // the driver takes this one beside its maker's own
-    if (status == STATUS_NOT_SUPPORTED && vendor != KELVANE_VENDOR_ID && vendor != kOther) {
-        reasons += fmt::format("\n  the driver takes the vendor IDs {:04x} and {:04x}, not {:04x}",
-                               KELVANE_VENDOR_ID, kOther, vendor);
     }
     throw StatusError(what, static_cast<std::uint32_t>(status), reasons);
 }

@@ -290,7 +290,7 @@ void Pool::bury(Block block, std::vector<Complaint>& complaints) {
                 block.bytes + 2 * kGuardBytes);
     ASAN_POISON_MEMORY_REGION(block.user() - kGuardBytes, block.bytes + 2 * kGuardBytes);
     m_freedBytes += block.bytes;
-    m_freed.push_back(std::move(block));
+    m_freed.push_back(block);
     while (m_freedBytes > kMaxFreedBytes || m_freed.size() > kMaxFreedBlocks) {
         release(m_freed.front(), complaints);
         m_freedBytes -= m_freed.front().bytes;

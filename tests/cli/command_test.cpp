@@ -215,7 +215,7 @@ TEST(Play, ConvertsARateThatTheInterfaceLacks) {
         EXPECT_EQ(report["stream"]["rate"], row.deviceRate);
         EXPECT_EQ(report["notes"][0], "converted from " + std::to_string(row.fileRate) + " Hz to " +
                                           std::to_string(row.deviceRate) + " Hz");
-        EXPECT_NEAR(report["framesPlayed"].get<int>(), row.deviceRate / 4, 2);
+        EXPECT_NEAR(report["framesPlayed"].get<double>(), row.deviceRate / 4.0, 2.0);
         // The middle of what was heard is the same tone at the same level.
         const Sound heard = readSound(place.path("heard.wav"));
         ASSERT_EQ(heard.info.samplerate, row.deviceRate);

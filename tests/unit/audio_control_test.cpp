@@ -133,7 +133,7 @@ TEST_F(AudioControlTest, AsksForTheStateOfTheSelectedClock) {
     EXPECT_EQ(first.bClockSelectorID, kSelector);
     EXPECT_EQ(first.attributes, 0x13u); // programmable, valid
     const KSCLOCK_SOURCE_INFO second = info(1);
-    EXPECT_EQ(second.name[0], 0); // the device refused to tell
+    EXPECT_EQ(second.name[0], 0);     // the device refused to tell
     EXPECT_EQ(second.attributes, 0u); // external; its validity was never asked for
     KSCLOCK_SOURCE_INFO none;
     EXPECT_FALSE(control->getClockSourceInfo(2, &none));
