@@ -17,11 +17,13 @@ public:
     void start(SampleClock& clock, const AudioFormat& format, std::uint64_t microframe);
     void stop() { m_clock = nullptr; }
     // Fills `packet` with whole frames and returns the bytes. What doesn't fit is sent next time.
+    // The first packet holds the frames of one microframe.
     std::size_t send(std::span<std::byte> packet, std::uint64_t microframe);
 
 private:
     SampleClock* m_clock = nullptr; // null while stopped
     AudioFormat m_format;
+    bool m_polled = false;    // since start
     std::uint64_t m_sent = 0; // position in the clock's frames
 };
 

@@ -3,6 +3,7 @@
 
 #include "usbdriver/audiocontrol.h"
 #include "usbdriver/audstream.h"
+#include "usbdriver/clocksync.h"
 #include "usbdriver/filter.h"
 #include "usbdriver/registry.h"
 
@@ -42,6 +43,7 @@ UsbAudioDevice::~UsbAudioDevice() {
         ZwClose(m_RegistryKey);
     }
     delete m_FilterDescriptor;
+    delete m_ClockSync;
 }
 
 void UsbAudioDevice::OpenRegistryKey() {
@@ -131,6 +133,9 @@ NTSTATUS UsbAudioDevice::StartAudio() {
     m_SampleRate = RestoreSampleRate(rate);
     ForEachStream([this](UsbAudioStream* stream) { stream->SetSampleRate(m_SampleRate, false); });
     MeasureUrbSizeMin();
+    if (m_AudioStream_In != nullptr && m_AudioStream_Out != nullptr) {
+        EnableAsynchronousClocking(true);
+    }
     return STATUS_SUCCESS;
 }
 
@@ -265,6 +270,14 @@ void UsbAudioDevice::RegisterStream(UsbAudioStream* stream) {
 
 void UsbAudioDevice::SurpriseRemoval() {
     m_UsbDev.Disconnect();
+}
+
+void UsbAudioDevice::SetPower(DEVICE_POWER_STATE state) {
+    if (state == PowerDeviceD0) {
+        ForEachStream([](UsbAudioStream* stream) { stream->Resume(); });
+    } else if (state == PowerDeviceD3) {
+        ForEachStream([](UsbAudioStream* stream) { stream->Pause(); });
+    }
 }
 
 void UsbAudioDevice::Remove() {

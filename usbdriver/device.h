@@ -10,6 +10,7 @@
 #include <initializer_list>
 
 class AudioControlInterface;
+class ClockSync;
 class FilterDescriptor;
 class UsbAudioStream;
 class UsbAudioStreamClient;
@@ -36,6 +37,7 @@ public:
     NTSTATUS PostStart(); // opens the device, builds what it offers, publishes the filter
     void SurpriseRemoval();
     void Remove();
+    void SetPower(DEVICE_POWER_STATE state); // D3 pauses the streams, D0 lets them go on
 
     // Sample rate. All pins of the device run at one rate.
     // 0xC0000708 while a pin holds the rate.
@@ -54,6 +56,9 @@ public:
     NTSTATUS SetUrbSize(ULONG size);
     ULONG UrbSize() const { return m_UrbSize; }
     ULONG UrbSizeMin() const { return m_UrbSizeMin; }
+
+    // Whether the input paces the output, packet by packet.
+    void EnableAsynchronousClocking(bool enable);
 
     // Raises an event on every filter of the device.
     void GenerateKsFilterEvents(const GUID& set, ULONG id, ULONG size, void* data);
@@ -103,6 +108,7 @@ private:
     ULONG m_UrbSize = kDefaultUrbSize;
     ULONG m_UrbSizeMin = kMaxUrbSizeMin;
     FilterDescriptor* m_FilterDescriptor = nullptr;           // owned; paged
+    ClockSync* m_ClockSync = nullptr;                         // owned; made on demand
     AudioControlInterface* m_AudioControlInterface = nullptr; // owned
     ULONG m_RunningStreams = 0;                               // running audio pins
     UCHAR m_Flag = 0;

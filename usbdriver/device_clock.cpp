@@ -4,6 +4,7 @@
 
 #include "usbdriver/audiocontrol.h"
 #include "usbdriver/audstream.h"
+#include "usbdriver/clocksync.h"
 #include "usbdriver/guids.h"
 
 namespace {
@@ -83,6 +84,15 @@ void UsbAudioDevice::StreamStop(UsbAudioStreamClient* pin, UsbAudioStream* strea
         ForEachStream([](UsbAudioStream* each) { each->StopStreaming(); });
         ForEachStream([](UsbAudioStream* each) { each->StreamingCleanup(); });
     }
+}
+
+void UsbAudioDevice::EnableAsynchronousClocking(bool enable) {
+    TraceEntry("UsbAudioDevice::EnableAsynchronousClocking");
+    if (m_ClockSync == nullptr) {
+        m_ClockSync = new (NonPagedPool) ClockSync; // without memory: no pairing
+    }
+    ForEachStream(
+        [&](UsbAudioStream* stream) { stream->SetObserver(enable ? m_ClockSync : nullptr); });
 }
 
 // --- Transfer size ------------------------------------------------------------------------------

@@ -46,6 +46,10 @@ void NTAPI SurpriseRemoveDevice(PKSDEVICE ksDevice, PIRP) {
     UsbAudioDevice::FromKsDevice(ksDevice)->SurpriseRemoval();
 }
 
+void NTAPI SetDevicePower(PKSDEVICE ksDevice, PIRP, DEVICE_POWER_STATE to, DEVICE_POWER_STATE) {
+    UsbAudioDevice::FromKsDevice(ksDevice)->SetPower(to);
+}
+
 constexpr KSDEVICE_DISPATCH kDeviceDispatch = {
     .Add = AddDevice,
     .Start = nullptr,
@@ -59,7 +63,7 @@ constexpr KSDEVICE_DISPATCH kDeviceDispatch = {
     .QueryCapabilities = QueryDeviceCapabilities,
     .SurpriseRemoval = SurpriseRemoveDevice,
     .QueryPower = nullptr,
-    .SetPower = nullptr,
+    .SetPower = SetDevicePower,
     .QueryInterface = nullptr,
 };
 
