@@ -52,8 +52,12 @@ T valueOf(std::span<const std::byte> data) {
 }
 
 std::vector<std::uint32_t> ratesOf(const ClockSource& source,
-                                   const std::vector<std::uint32_t>& rates) {
+                                   const std::vector<std::uint32_t>& rates,
+                                   std::uint32_t externalRate) {
     const std::uint8_t kind = source.attributes & 3;
+    if (kind == 0 && externalRate != 0) {
+        return {externalRate};
+    }
     if (kind >= 2 || rates.empty()) { // variable or programmable
         return rates;
     }
@@ -80,11 +84,12 @@ struct AudioControls::Request {
 };
 
 AudioControls::AudioControls(const Configuration& configuration,
-                             const std::vector<std::uint32_t>& rates, double ppm)
+                             const std::vector<std::uint32_t>& rates, std::uint32_t externalRate,
+                             const DriftSchedule& drift)
     : m_configuration(configuration) {
     for (const AudioFunction& function : configuration.audio) {
         for (const ClockSource& source : function.clockSources) {
-            auto offered = ratesOf(source, rates);
+            auto offered = ratesOf(source, rates, externalRate);
             const bool has48k = std::ranges::find(offered, 48000U) != offered.end();
             const std::uint32_t rate = has48k || offered.empty() ? 48000 : offered.front();
             m_clocks.push_back(std::make_unique<ClockDomain>(
@@ -92,7 +97,7 @@ AudioControls::AudioControls(const Configuration& configuration,
                             .source = source,
                             .rates = std::move(offered),
                             .valid = true,
-                            .clock = SampleClock(rate, ppm)}));
+                            .clock = SampleClock(rate, drift)}));
         }
         for (const ClockSelector& selector : function.clockSelectors) {
             m_clockPins[key(function.interfaceNumber, selector.id)] = 1;
@@ -238,7 +243,7 @@ void AudioControls::setRate(ClockDomain& clock, std::uint32_t rate, std::uint64_
     if (m_rateChange) {
         m_rateChange(clock, false, microframe);
     }
-    clock.clock.set(rate, clock.clock.ppm());
+    clock.clock.setRate(rate);
     if (m_rateChange) {
         m_rateChange(clock, true, microframe);
     }
@@ -268,6 +273,9 @@ ControlReply AudioControls::selection(const Request& request, std::uint8_t input
     if (wanted != pin) {
         pin = wanted;
         changed(request);
+        if (m_routeChange && &selected == &m_clockPins) {
+            m_routeChange(request.microframe);
+        }
     }
     return {.stalled = false, .length = 1, .microframes = kQuick};
 }

@@ -28,6 +28,8 @@ struct ClockDomain {
     std::vector<std::uint32_t> rates; // Hz, in the order of the RANGE reply
     bool valid = true;
     SampleClock clock;
+
+    bool isExternal() const { return (source.attributes & 3) == 0; }
 };
 
 class AudioControls {
@@ -37,14 +39,18 @@ public:
     // Before the rate of a clock changes, so that its streams can finish at the old one; then
     // after.
     using RateChange = std::function<void(ClockDomain&, bool after, std::uint64_t microframe)>;
+    // A clock selector has moved: terminals may have another clock now.
+    using RouteChange = std::function<void(std::uint64_t microframe)>;
 
-    // `rates` are offered by every clock source that isn't fixed or external; those two have the
-    // first of 48000 Hz or the nearest rate. `configuration` must live as long.
+    // `rates` are offered by every clock source that isn't fixed or external. A fixed one has
+    // 48000 Hz or the nearest rate, an external one `externalRate` or, if that is 0, the same.
+    // `configuration` must live as long.
     AudioControls(const Configuration& configuration, const std::vector<std::uint32_t>& rates,
-                  double ppm);
+                  std::uint32_t externalRate, const DriftSchedule& drift);
 
     void onChange(Changed changed) { m_changed = std::move(changed); }
     void onRateChange(RateChange changing) { m_rateChange = std::move(changing); }
+    void onRouteChange(RouteChange changed) { m_routeChange = std::move(changed); }
 
     // A class request to an interface.
     ControlReply request(const SetupPacket& setup, std::uint64_t microframe,
@@ -78,6 +84,7 @@ private:
     std::map<std::uint32_t, std::int16_t> m_features;
     Changed m_changed;
     RateChange m_rateChange;
+    RouteChange m_routeChange;
 };
 
 } // namespace kelvane::devices

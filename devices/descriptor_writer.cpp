@@ -27,9 +27,18 @@ void DescriptorWriter::patch(std::size_t at, std::size_t value, std::size_t size
 }
 
 void DescriptorWriter::device(const Device& fields) {
+    addDevice(fields, 0xEF, 0x02, 0x01);
+}
+
+void DescriptorWriter::plainDevice(const Device& fields) {
+    addDevice(fields, 0, 0, 0);
+}
+
+void DescriptorWriter::addDevice(const Device& fields, std::uint8_t deviceClass,
+                                 std::uint8_t subClass, std::uint8_t protocol) {
     add({usb::kDevice, 0x00, 0x02, // bcdUSB 2.00
-         0xEF, 0x02, 0x01,         // class, subclass, protocol: interface associations
-         64,                       // bMaxPacketSize0
+         deviceClass, subClass, protocol,
+         64, // bMaxPacketSize0
          low(fields.idVendor), high(fields.idVendor), low(fields.idProduct), high(fields.idProduct),
          0x00, 0x01, // bcdDevice 1.00
          fields.iManufacturer, fields.iProduct, fields.iSerialNumber, 1});
@@ -47,14 +56,14 @@ void DescriptorWriter::audioFunction(std::uint8_t firstInterface, std::uint8_t i
 
 void DescriptorWriter::interface(std::uint8_t number, std::uint8_t setting,
                                  std::uint8_t interfaceClass, std::uint8_t subClass,
-                                 std::uint8_t protocol) {
+                                 std::uint8_t protocol, std::uint8_t iInterface) {
     endControl();
     m_interface = m_bytes.size();
     m_endpoints = 0;
     if (setting == 0) {
         ++m_interfaces;
     }
-    add({usb::kInterface, number, setting, 0, interfaceClass, subClass, protocol, 0});
+    add({usb::kInterface, number, setting, 0, interfaceClass, subClass, protocol, iInterface});
 }
 
 void DescriptorWriter::endpoint(std::uint8_t address, std::uint8_t attributes,
@@ -62,6 +71,20 @@ void DescriptorWriter::endpoint(std::uint8_t address, std::uint8_t attributes,
     endControl();
     patch(m_interface + 4, ++m_endpoints, 1);
     add({usb::kEndpoint, address, attributes, low(packetSize), high(packetSize), bInterval});
+}
+
+void DescriptorWriter::isochronous(std::uint8_t address, std::uint8_t attributes,
+                                   std::uint32_t bytes, std::uint8_t bInterval) {
+    const std::uint32_t transactions = (bytes + 1023) / 1024;
+    const std::uint32_t size = (bytes + transactions - 1) / transactions;
+    endpoint(address, attributes, static_cast<std::uint16_t>(size | (transactions - 1) << 11),
+             bInterval);
+}
+
+void DescriptorWriter::dfuFunctional(std::uint8_t attributes, std::uint16_t detachTimeout,
+                                     std::uint16_t transferSize) {
+    add({usb::kDfuFunctional, attributes, low(detachTimeout), high(detachTimeout),
+         low(transferSize), high(transferSize), 0x10, 0x01}); // bcdDFUVersion 1.1
 }
 
 void DescriptorWriter::controlHeader(std::uint8_t bCategory) {
@@ -81,25 +104,39 @@ void DescriptorWriter::clockSource(std::uint8_t id, std::uint8_t attributes, std
     add({usb::kCsInterface, usb::kClockSource, id, attributes, controls, 0, iClockSource});
 }
 
+void DescriptorWriter::clockSelector(std::uint8_t id, std::initializer_list<std::uint8_t> sources,
+                                     std::uint8_t controls, std::uint8_t iClockSelector) {
+    const std::size_t at = m_bytes.size();
+    add({usb::kCsInterface, usb::kClockSelector, id,
+         low(static_cast<std::uint32_t>(sources.size()))});
+    for (const std::uint8_t source : sources) {
+        m_bytes.push_back(std::byte{source});
+    }
+    m_bytes.push_back(std::byte{controls});
+    m_bytes.push_back(std::byte{iClockSelector});
+    patch(at, m_bytes.size() - at, 1);
+}
+
 void DescriptorWriter::inputTerminal(std::uint8_t id, std::uint16_t type, std::uint8_t clock,
-                                     std::uint8_t channels, std::uint32_t channelConfig) {
+                                     std::uint8_t channels, std::uint32_t channelConfig,
+                                     std::uint8_t iChannelNames, std::uint8_t iTerminal) {
     add({usb::kCsInterface, usb::kInputTerminal, id, low(type), high(type), 0, clock, channels,
          low(channelConfig), high(channelConfig), low(channelConfig >> 16),
-         high(channelConfig >> 16), 0, 0, 0, 0});
+         high(channelConfig >> 16), iChannelNames, 0, 0, iTerminal});
 }
 
 void DescriptorWriter::outputTerminal(std::uint8_t id, std::uint16_t type, std::uint8_t source,
-                                      std::uint8_t clock) {
+                                      std::uint8_t clock, std::uint8_t iTerminal) {
     add({usb::kCsInterface, usb::kOutputTerminal, id, low(type), high(type), 0, source, clock, 0, 0,
-         0});
+         iTerminal});
 }
 
 void DescriptorWriter::streamGeneral(std::uint8_t terminalLink, std::uint8_t channels,
-                                     std::uint32_t channelConfig) {
+                                     std::uint32_t channelConfig, std::uint8_t iChannelNames) {
     add({usb::kCsInterface, usb::kAsGeneral, terminalLink, 0, usb::kFormatTypeI, 1, 0, 0,
          0, // bmFormats: PCM
          channels, low(channelConfig), high(channelConfig), low(channelConfig >> 16),
-         high(channelConfig >> 16), 0});
+         high(channelConfig >> 16), iChannelNames});
 }
 
 void DescriptorWriter::formatTypeI(std::uint8_t subslotBytes, std::uint8_t bits) {

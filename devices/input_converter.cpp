@@ -1,34 +1,64 @@
 #include "devices/input_converter.h"
 
+#include "devices/usb_device.h"
+
 #include <algorithm>
 #include <cstring>
 
 namespace kelvane::devices {
 
-void InputConverter::start(SampleClock& clock, const AudioFormat& format,
-                           std::uint64_t microframe) {
+void InputConverter::start(SampleClock& clock, AudioFormat format, std::uint32_t interval) {
+    format.rate = clock.rate();
     m_format = format;
     m_clock = format.frameBytes() == 0 ? nullptr : &clock;
-    m_sent = clock.position(microframe);
-    m_polled = false;
+    m_begun = false;
+    const auto framesIn = [&](std::uint64_t microframes) {
+        return static_cast<std::uint32_t>(format.rate * microframes / kMicroframesPerSecond);
+    };
+    m_intervalFrames = framesIn(interval);
+    m_mostFrames = framesIn(std::max(2 * interval, kMicroframesPerFrame)) + 1;
+}
+
+void InputConverter::begin(std::uint64_t position) {
+    m_begun = true;
+    m_next = position - std::min<std::uint64_t>(position, m_intervalFrames);
+    if (m_source != nullptr) {
+        m_source->start(m_format, m_next);
+    }
 }
 
 std::size_t InputConverter::send(std::span<std::byte> packet, std::uint64_t microframe) {
     if (m_clock == nullptr) {
         return 0;
     }
-    const std::uint64_t now = m_clock->position(microframe);
-    if (!m_polled) { // nothing has been kept for a host that did not ask
-        m_polled = true;
-        m_sent = now - std::min<std::uint64_t>(now - m_sent, m_clock->rate() / 8000);
+    const std::uint64_t position = m_clock->position(microframe);
+    if (!m_begun) {
+        begin(position);
     }
-    const std::uint64_t due = now - m_sent;
-    const std::uint64_t frames =
-        std::min<std::uint64_t>(due, packet.size() / m_format.frameBytes());
-    const auto bytes = static_cast<std::size_t>(frames) * m_format.frameBytes();
-    std::memset(packet.data(), 0, bytes);
-    m_sent += frames;
-    return bytes;
+    ++m_counters.packets;
+    std::uint64_t due = position - m_next;
+    if (due > m_mostFrames) {
+        const std::uint64_t lost = due - m_intervalFrames;
+        if (m_source != nullptr) {
+            m_source->skip(lost);
+        }
+        m_counters.framesLost += lost;
+        m_next += lost;
+        due = m_intervalFrames;
+    }
+    const std::size_t frames =
+        std::min(static_cast<std::size_t>(due), packet.size() / m_format.frameBytes());
+    const std::span<std::byte> filled = packet.first(frames * m_format.frameBytes());
+    if (m_source != nullptr) {
+        m_source->read(filled);
+    }
+    if (m_source == nullptr || m_muted) {
+        std::ranges::fill(filled, std::byte{0});
+    }
+    m_counters.framesMuted += m_muted ? frames : 0;
+    m_counters.framesSent += frames;
+    m_next += frames;
+    return filled.size();
 }
 
 } // namespace kelvane::devices

@@ -1,8 +1,12 @@
 // The recording end of an interface: sends as many sample frames per packet as its sample clock
-// ticked since the last one. Its analogue input is silent.
+// ticked since the last one.
+//
+// Recording begins when a host fetches for the first time; that packet holds one service interval
+// of frames. What a host doesn't fetch within 1 ms (or two service intervals, if these are longer)
+// is lost, and the packet after such a gap holds one interval of frames again.
 #pragma once
 
-#include "devices/audio_sink.h"
+#include "devices/audio_source.h"
 #include "devices/sample_clock.h"
 
 #include <cstddef>
@@ -11,20 +15,41 @@
 
 namespace kelvane::devices {
 
+struct InputCounters {
+    std::uint64_t packets = 0;     // that were fetched, empty ones too
+    std::uint64_t framesSent = 0;  // sample frames in them
+    std::uint64_t framesLost = 0;  // that no host fetched in time
+    std::uint64_t framesMuted = 0; // of the frames sent, those silenced by a clock without lock
+};
+
 class InputConverter {
 public:
-    // `clock` must live until stop.
-    void start(SampleClock& clock, const AudioFormat& format, std::uint64_t microframe);
+    // `source` may be null, which is silence; it must live as long.
+    explicit InputConverter(AudioSource* source) : m_source(source) {}
+
+    // A setting with this format and service interval (microframes) comes into force, paced by
+    // `clock`, which must live until stop. The format's rate is taken from the clock.
+    void start(SampleClock& clock, AudioFormat format, std::uint32_t interval);
     void stop() { m_clock = nullptr; }
+    // Muted: records on, but sends zeros.
+    void mute(bool muted) { m_muted = muted; }
     // Fills `packet` with whole frames and returns the bytes. What doesn't fit is sent next time.
-    // The first packet holds the frames of one microframe.
     std::size_t send(std::span<std::byte> packet, std::uint64_t microframe);
 
+    const InputCounters& counters() const { return m_counters; }
+
 private:
+    void begin(std::uint64_t position);
+
+    AudioSource* m_source;
     SampleClock* m_clock = nullptr; // null while stopped
     AudioFormat m_format;
-    bool m_polled = false;    // since start
-    std::uint64_t m_sent = 0; // position in the clock's frames
+    std::uint32_t m_intervalFrames = 0; // of one service interval, rounded down
+    std::uint32_t m_mostFrames = 0;     // that wait for a host
+    bool m_begun = false;
+    bool m_muted = false;
+    std::uint64_t m_next = 0; // the frame to be sent next, as the clock counts
+    InputCounters m_counters;
 };
 
 } // namespace kelvane::devices

@@ -36,6 +36,7 @@ void OutputConverter::start(SampleClock& clock, AudioFormat format, bool follows
     }
     m_clock = &clock;
     m_clockPosition = clock.position(microframe);
+    m_hostPosition = m_clockPosition;
     m_microframe = microframe;
     if (m_sink != nullptr) {
         m_sink->start(m_format);
@@ -53,7 +54,7 @@ void OutputConverter::stop(std::uint64_t microframe) {
     advance(microframe);
     const std::uint64_t left = m_level / m_format.frameBytes();
     m_counters.playMicroframes += left * kMicroframesPerSecond / m_format.rate;
-    playOut(left);
+    playOut(left, m_clockPosition);
     m_state = State::Stopped;
     m_clock = nullptr;
 }
@@ -78,15 +79,26 @@ void OutputConverter::receive(std::span<const std::byte> packet, std::uint64_t m
     m_counters.overruns += frames - std::min(frames, room);
     store(packet.first(std::min(frames, room) * frameBytes));
     if (m_followsHost) {
-        playOut(frames);
+        m_hostPosition = std::max(m_hostPosition, m_clockPosition);
+        playOut(frames, m_hostPosition);
+        m_hostPosition += frames;
     } else if (m_state == State::Filling && m_level >= m_fifo.size() / 2) {
         m_state = State::Playing;
     }
 }
 
+void OutputConverter::mute(bool muted, std::uint64_t microframe) {
+    advance(microframe);
+    m_muted = muted;
+}
+
 void OutputConverter::advance(std::uint64_t microframe) {
+    if (m_state == State::Stopped) {
+        return;
+    }
+    const std::uint64_t before = m_clockPosition;
     const std::uint64_t position = m_clock->position(microframe);
-    const std::uint64_t ticks = position - m_clockPosition;
+    const std::uint64_t ticks = position - before;
     const std::uint64_t passed = microframe - m_microframe;
     m_clockPosition = position;
     m_microframe = microframe;
@@ -102,7 +114,7 @@ void OutputConverter::advance(std::uint64_t microframe) {
     }
     const std::uint64_t held = m_level / m_format.frameBytes();
     m_counters.playMicroframes += ticks <= held ? passed : passed * held / ticks;
-    playOut(std::min(ticks, held));
+    playOut(std::min(ticks, held), before);
     if (ticks > held) {
         m_state = State::Starved;
         m_starved = ticks - held;
@@ -117,15 +129,28 @@ void OutputConverter::store(std::span<const std::byte> frames) {
     m_level += frames.size();
 }
 
-void OutputConverter::playOut(std::uint64_t frames) {
+// `position`: of the first frame, as the clock counts.
+void OutputConverter::playOut(std::uint64_t frames, std::uint64_t position) {
     const std::size_t bytes =
         std::min<std::size_t>(m_level, static_cast<std::size_t>(frames) * m_format.frameBytes());
     const std::size_t first = std::min(bytes, m_fifo.size() - m_read);
-    toSink(std::span(m_fifo).subspan(m_read, first));
-    toSink(std::span(m_fifo).first(bytes - first));
+    play(std::span(m_fifo).subspan(m_read, first), position);
+    play(std::span(m_fifo).first(bytes - first), position + first / m_format.frameBytes());
     m_read = (m_read + bytes) % m_fifo.size();
     m_level -= bytes;
     m_counters.framesPlayed += bytes / m_format.frameBytes();
+}
+
+void OutputConverter::play(std::span<const std::byte> frames, std::uint64_t position) {
+    if (m_muted) {
+        m_counters.framesMuted += frames.size() / m_format.frameBytes();
+        playSilence(frames.size() / m_format.frameBytes());
+        return;
+    }
+    toSink(frames);
+    if (m_listener != nullptr && !frames.empty()) {
+        m_listener->hear(m_format, position, frames);
+    }
 }
 
 void OutputConverter::playSilence(std::uint64_t frames) {

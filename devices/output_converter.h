@@ -10,6 +10,7 @@
 #pragma once
 
 #include "devices/audio_sink.h"
+#include "devices/audio_source.h"
 #include "devices/sample_clock.h"
 
 #include <cstddef>
@@ -25,6 +26,7 @@ struct OutputCounters {
     std::uint64_t underruns = 0;       // sample clocks with nothing to play, between two that had
     std::uint64_t overruns = 0;        // sample frames dropped because the FIFO was full
     std::uint64_t badPackets = 0;      // packets that weren't whole sample frames
+    std::uint64_t framesMuted = 0;     // of the frames played, those that the sink got as silence
     std::uint64_t playMicroframes = 0; // bus time spent playing
 
     // Hz; 0 before anything was played.
@@ -43,6 +45,13 @@ public:
     // leaves behind when it stops is no underrun.
     void stop(std::uint64_t microframe);
     void receive(std::span<const std::byte> packet, std::uint64_t microframe);
+    // Plays up to `microframe`, which every other operation does by itself.
+    void advance(std::uint64_t microframe);
+
+    // Muted from now on, or no longer: what is played reaches the sink as silence of its length.
+    void mute(bool muted, std::uint64_t microframe);
+    // Hears what is played and isn't muted; null: nobody. It must live as long.
+    void listen(AudioSource* listener) { m_listener = listener; }
 
     // What the feedback endpoint reports, 16.16 frames per microframe: the clock's rate, bent so
     // that a FIFO off its half would be back after 16 s. Bent that little, even a host that keeps
@@ -55,18 +64,21 @@ private:
     enum class State { Stopped, Filling, Playing, Starved };
 
     std::size_t capacity() const; // bytes
-    void advance(std::uint64_t microframe);
     void store(std::span<const std::byte> frames);
-    void playOut(std::uint64_t frames);
+    void playOut(std::uint64_t frames, std::uint64_t position);
+    void play(std::span<const std::byte> frames, std::uint64_t position);
     void playSilence(std::uint64_t frames);
     void toSink(std::span<const std::byte> frames);
 
     AudioSink* m_sink;
+    AudioSource* m_listener = nullptr;
     SampleClock* m_clock = nullptr; // set in every state but Stopped
     AudioFormat m_format;
     bool m_followsHost = false;
+    bool m_muted = false;
     State m_state = State::Stopped;
     std::uint64_t m_clockPosition = 0; // where playing has got to, in the clock's frames
+    std::uint64_t m_hostPosition = 0;  // the same, of a converter that follows the host
     std::uint64_t m_microframe = 0;    // of the last advance
     std::uint64_t m_starved = 0;       // clocks without a sample since the FIFO ran empty
     std::vector<std::byte> m_fifo;

@@ -1,7 +1,7 @@
 #include "devices/sample_clock.h"
 
 #include <algorithm>
-#include <cmath>
+#include <limits>
 
 namespace kelvane::devices {
 
@@ -12,21 +12,43 @@ constexpr std::uint64_t kBillion = 1'000'000'000;
 constexpr std::uint64_t kUnits = 8000 * kBillion;
 // Microframes that can be multiplied by the largest step without leaving 64 bits.
 constexpr std::uint64_t kMostMicroframes = 8192;
+static_assert(DriftSchedule::kMostPpm * 10 <= 1e6);
 static_assert(SampleClock::kMostRate * (kBillion + kBillion / 10) <
               (UINT64_MAX - kUnits) / kMostMicroframes);
 
 } // namespace
 
-void SampleClock::set(std::uint32_t rate, double ppm) {
+SampleClock::SampleClock(std::uint32_t rate, const DriftSchedule& drift)
+    : m_rate(std::min(rate, kMostRate)), m_drift(drift) {
+    beginStep();
+}
+
+void SampleClock::setRate(std::uint32_t rate) {
     m_rate = std::min(rate, kMostRate);
-    m_partsPerBillion = std::llround(std::clamp(ppm, -kMostPpm, kMostPpm) * 1000.0);
-    m_step = m_rate *
-             static_cast<std::uint64_t>(static_cast<std::int64_t>(kBillion) + m_partsPerBillion);
+    beginStep();
+}
+
+void SampleClock::setDrift(const DriftSchedule& drift) {
+    m_drift = drift;
+    beginStep();
+}
+
+void SampleClock::beginStep() {
+    const std::int64_t rate =
+        static_cast<std::int64_t>(kBillion) + m_drift.partsPerBillion(m_microframe);
+    m_step = m_rate * static_cast<std::uint64_t>(rate);
+    m_stepEnd = m_drift.isConstant()
+                    ? std::numeric_limits<std::uint64_t>::max()
+                    : (m_microframe / DriftSchedule::kStep + 1) * DriftSchedule::kStep;
 }
 
 std::uint64_t SampleClock::position(std::uint64_t microframe) {
     while (m_microframe < microframe) {
-        const std::uint64_t passed = std::min(microframe - m_microframe, kMostMicroframes);
+        if (m_microframe == m_stepEnd) {
+            beginStep();
+        }
+        const std::uint64_t passed =
+            std::min(std::min(microframe, m_stepEnd) - m_microframe, kMostMicroframes);
         const std::uint64_t units = m_fraction + passed * m_step;
         m_frames += units / kUnits;
         m_fraction = units % kUnits;

@@ -29,12 +29,12 @@ void SimulatedInterface::attach(DeviceHost* host) {
     }
 }
 
-void SimulatedInterface::setPpm(double ppm) {
+void SimulatedInterface::setPpm(const DriftSchedule& ppm) {
     const std::lock_guard lock(m_mutex);
     m_options.ppm = ppm;
     if (m_controls) {
         for (const auto& clock : m_controls->clocks()) {
-            clock->clock.set(clock->clock.rate(), ppm);
+            clock->clock.setDrift(ppm);
         }
     }
 }
@@ -46,13 +46,44 @@ void SimulatedInterface::setClockValid(std::uint8_t clockId, bool valid) {
             return;
         }
         for (const auto& clock : m_controls->clocks()) {
-            if (clock->source.id == clockId && clock->valid != valid) {
-                clock->valid = valid;
-                addMessage(clock->interfaceNumber, clockId, usb::kClockValid);
+            if (clock->source.id == clockId) {
+                setValid(*clock, valid, m_microframe);
             }
         }
     }
     announce();
+}
+
+void SimulatedInterface::setValid(ClockDomain& clock, bool valid, std::uint64_t microframe) {
+    if (clock.valid == valid) {
+        return;
+    }
+    clock.valid = valid;
+    addMessage(clock.interfaceNumber, clock.source.id, usb::kClockValid);
+    for (const auto& [number, stream] : m_streams) {
+        if (stream->clock == &clock) {
+            stream->output.mute(!valid, microframe);
+            stream->input.mute(!valid);
+        }
+    }
+}
+
+void SimulatedInterface::passTime(std::uint64_t microframe) {
+    m_microframe = microframe;
+    if (microframe >= m_nextLockChange) {
+        changeLocks(microframe);
+    }
+}
+
+void SimulatedInterface::changeLocks(std::uint64_t microframe) {
+    if (m_controls) {
+        for (const auto& clock : m_controls->clocks()) {
+            if (clock->isExternal()) {
+                setValid(*clock, m_options.lock.isLocked(microframe), microframe);
+            }
+        }
+    }
+    m_nextLockChange = m_options.lock.nextChange(microframe);
 }
 
 OutputCounters SimulatedInterface::outputCounters() const {
@@ -60,10 +91,22 @@ OutputCounters SimulatedInterface::outputCounters() const {
     return m_firstOutput == nullptr ? OutputCounters{} : m_firstOutput->output.counters();
 }
 
+InputCounters SimulatedInterface::inputCounters() const {
+    const std::lock_guard lock(m_mutex);
+    return m_firstInput == nullptr ? InputCounters{} : m_firstInput->input.counters();
+}
+
 std::uint32_t SimulatedInterface::sampleRate() const {
     const std::lock_guard lock(m_mutex);
-    return m_controls && !m_controls->clocks().empty() ? m_controls->clocks().front()->clock.rate()
-                                                       : 0;
+    if (!m_controls) {
+        return 0;
+    }
+    const auto& settings = m_configuration->settings;
+    const auto stream = std::ranges::find_if(
+        settings, [](const AlternateSetting& setting) { return setting.stream.has_value(); });
+    const ClockDomain* clock =
+        m_controls->clockOfTerminal(stream == settings.end() ? 0 : stream->stream->terminalLink);
+    return clock == nullptr ? 0 : clock->clock.rate();
 }
 
 std::uint8_t SimulatedInterface::configurationValue() const {
@@ -85,6 +128,13 @@ void SimulatedInterface::finishOutput() {
     }
 }
 
+void SimulatedInterface::finishInput() {
+    const std::lock_guard lock(m_mutex);
+    if (m_options.source) {
+        m_options.source->finish();
+    }
+}
+
 SimulatedInterface::EndpointState& SimulatedInterface::state(std::uint8_t address) {
     return m_endpoints[(address & 0x0F) + ((address & 0x80) != 0 ? 16U : 0U)];
 }
@@ -94,7 +144,7 @@ ControlReply SimulatedInterface::control(const SetupPacket& setup, std::uint64_t
     ControlReply reply{.stalled = true, .length = 0, .microframes = 1};
     {
         const std::lock_guard lock(m_mutex);
-        m_microframe = microframe;
+        passTime(microframe);
         const std::uint8_t type = setup.bmRequestType & usb::kTypeMask;
         const std::uint8_t recipient = setup.bmRequestType & usb::kRecipientMask;
         if (type == usb::kTypeStandard) {
@@ -110,7 +160,7 @@ ControlReply SimulatedInterface::control(const SetupPacket& setup, std::uint64_t
 void SimulatedInterface::isochronousOut(std::uint8_t endpoint, std::uint64_t microframe,
                                         std::span<const std::byte> packet) {
     const std::lock_guard lock(m_mutex);
-    m_microframe = microframe;
+    passTime(microframe);
     EndpointState& target = state(endpoint & 0x0F);
     if (target.role == Role::AudioOut) {
         target.stream->output.receive(packet, microframe);
@@ -120,10 +170,13 @@ void SimulatedInterface::isochronousOut(std::uint8_t endpoint, std::uint64_t mic
 std::size_t SimulatedInterface::isochronousIn(std::uint8_t endpoint, std::uint64_t microframe,
                                               std::span<std::byte> packet) {
     const std::lock_guard lock(m_mutex);
-    m_microframe = microframe;
+    passTime(microframe);
     EndpointState& source = state(endpoint | 0x80);
     switch (source.role) {
     case Role::AudioIn:
+        if (m_loop && source.stream == m_firstInput) {
+            m_firstOutput->output.advance(microframe);
+        }
         return source.stream->input.send(packet, microframe);
     case Role::Feedback:
         return fillFeedback(*source.stream, microframe, packet);
@@ -149,13 +202,16 @@ std::size_t SimulatedInterface::fillFeedback(Stream& stream, std::uint64_t micro
 Handshake SimulatedInterface::in(std::uint8_t endpoint, std::uint64_t microframe,
                                  std::span<std::byte> packet) {
     const std::lock_guard lock(m_mutex);
-    m_microframe = microframe;
+    passTime(microframe);
     EndpointState& source = state(endpoint | 0x80);
     if (source.halted || source.role == Role::None) {
         return {.kind = Handshake::Kind::Stall};
     }
-    if (source.role != Role::ClockInterrupt || m_messages.empty()) {
+    if (source.role != Role::ClockInterrupt) {
         return {};
+    }
+    if (m_messages.empty()) {
+        return {.kind = Handshake::Kind::Nak, .length = 0, .askAgain = m_nextLockChange};
     }
     const std::size_t length = std::min(m_messages.front().size(), packet.size());
     std::memcpy(packet.data(), m_messages.front().data(), length);
@@ -166,7 +222,7 @@ Handshake SimulatedInterface::in(std::uint8_t endpoint, std::uint64_t microframe
 Handshake SimulatedInterface::out(std::uint8_t endpoint, std::uint64_t microframe,
                                   std::span<const std::byte> packet) {
     const std::lock_guard lock(m_mutex);
-    m_microframe = microframe;
+    passTime(microframe);
     const EndpointState& target = state(endpoint & 0x0F);
     if (target.halted || target.role == Role::None) {
         return {.kind = Handshake::Kind::Stall};

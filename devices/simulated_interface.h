@@ -1,15 +1,24 @@
 // A USB audio interface made from its descriptors.
 //
 // It answers standard requests (USB 2.0, chapter 9) and UAC2 class requests as its descriptors
-// promise, plays what comes on output endpoints into an AudioSink, reports feedback, sends silence
-// on input endpoints, and tells of clock changes on its AudioControl interrupt endpoint. Bulk
-// endpoints take everything and send nothing; other interrupt endpoints stay quiet.
+// promise, plays what comes on output endpoints into an AudioSink, reports feedback, sends what an
+// AudioSource has to say on input endpoints, and tells of clock changes on its AudioControl
+// interrupt endpoint. Bulk endpoints take everything and send nothing; other interrupt endpoints
+// stay quiet.
+//
+// A clock source that loses its signal reads as not valid, and the interrupt endpoint says so. Its
+// sample clock goes on as if nothing had happened, as that of a locked oscillator without its
+// reference does, so that streams keep their time; but both converters that run on it are mute,
+// since a host can't trust what they would convert.
 #pragma once
 
 #include "devices/audio_controls.h"
 #include "devices/audio_sink.h"
+#include "devices/audio_source.h"
 #include "devices/descriptors.h"
+#include "devices/drift_schedule.h"
 #include "devices/input_converter.h"
+#include "devices/lock_schedule.h"
 #include "devices/output_converter.h"
 #include "devices/strings.h"
 #include "devices/usb_device.h"
@@ -27,10 +36,13 @@ namespace kelvane::devices {
 
 struct InterfaceOptions {
     Speed speed = Speed::High;
-    double ppm = 0.0; // sample clocks against bus time
+    DriftSchedule ppm; // sample clocks against bus time
     StringTable strings;
     std::vector<std::uint32_t> rates{44100, 48000, 88200, 96000, 176400, 192000}; // Hz
-    std::shared_ptr<AudioSink> sink; // of the first output stream; may be null
+    std::uint32_t externalRate = 0;      // Hz, at external clock sources; 0: 48000 or nearest
+    LockSchedule lock;                   // of external clock sources
+    std::shared_ptr<AudioSink> sink;     // of the first output stream; may be null
+    std::shared_ptr<AudioSource> source; // of the first input stream; null: silence
 };
 
 class SimulatedInterface : public UsbDevice {
@@ -40,18 +52,21 @@ public:
 
     // Calls from a test or a program; safe beside the bus's own.
     const DeviceDescriptors& descriptors() const { return m_descriptors; }
-    void setPpm(double ppm);
+    void setPpm(const DriftSchedule& ppm);
     // A clock source loses or finds its signal. Unknown IDs are ignored.
     void setClockValid(std::uint8_t clockId, bool valid);
-    // Of the first output stream; zeros when there is none.
+    // Of the first output and the first input stream; zeros when there is none.
     OutputCounters outputCounters() const;
-    // Hz, as the first AudioControl interface's clock sources stand; 0 when there is none.
+    InputCounters inputCounters() const;
+    // Hz, of the clock that the first stream runs on; 0 when the device has none.
     std::uint32_t sampleRate() const;
     std::uint8_t configurationValue() const;
     std::uint8_t currentSetting(std::uint8_t interfaceNumber) const;
     // Stops all streams, plays out what their FIFOs hold and finishes the sink.
     // Throws DeviceError when the sink couldn't keep everything.
     void finishOutput();
+    // Throws DeviceError when the source couldn't record as it was asked to.
+    void finishInput();
 
     Speed speed() const override { return m_options.speed; }
     void attach(DeviceHost* host) override;
@@ -69,7 +84,7 @@ public:
 private:
     // One AudioStreaming interface. It keeps its counters over changes of setting.
     struct Stream {
-        explicit Stream(AudioSink* sink) : output(sink) {}
+        Stream(AudioSink* sink, AudioSource* source) : output(sink), input(source) {}
         const AlternateSetting* setting = nullptr; // in force and carrying audio, or null
         ClockDomain* clock = nullptr;
         OutputConverter output;
@@ -88,6 +103,9 @@ private:
     EndpointState& state(std::uint8_t address);
     void addMessage(std::uint8_t interfaceNumber, std::uint8_t entity, std::uint8_t selector);
     void announce();
+    void passTime(std::uint64_t microframe);
+    void changeLocks(std::uint64_t microframe);
+    void setValid(ClockDomain& clock, bool valid, std::uint64_t microframe);
     std::size_t fillFeedback(Stream& stream, std::uint64_t microframe, std::span<std::byte> packet);
 
     // Configurations and settings.
@@ -100,6 +118,8 @@ private:
     void startStream(Stream& stream, std::uint64_t microframe);
     void stopStream(Stream& stream, std::uint64_t microframe);
     void rateChange(ClockDomain& clock, bool after, std::uint64_t microframe);
+    void routeChange(std::uint64_t microframe);
+    void connectLoop();
 
     // Standard requests.
     ControlReply standardRequest(const SetupPacket& setup, std::uint64_t microframe,
@@ -120,10 +140,13 @@ private:
     std::map<std::uint8_t, std::uint8_t> m_settings;           // in force, by interface number
     std::map<std::uint8_t, std::unique_ptr<Stream>> m_streams; // by interface number
     Stream* m_firstOutput = nullptr;
-    std::array<EndpointState, 32> m_endpoints; // by number, IN endpoints from 16 on
-    std::deque<Message> m_messages;            // waiting for the interrupt endpoint
-    std::uint8_t m_messageEndpoint = 0;        // 0: the device has none
-    std::uint64_t m_microframe = 0;            // the last that anybody asked for
+    Stream* m_firstInput = nullptr;
+    bool m_loop = false;                                   // the first input hears the first output
+    std::array<EndpointState, 32> m_endpoints;             // by number, IN endpoints from 16 on
+    std::deque<Message> m_messages;                        // waiting for the interrupt endpoint
+    std::uint8_t m_messageEndpoint = 0;                    // 0: the device has none
+    std::uint64_t m_microframe = 0;                        // the last that anybody asked for
+    std::uint64_t m_nextLockChange = LockSchedule::kNever; // microframe
 };
 
 } // namespace kelvane::devices

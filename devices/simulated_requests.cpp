@@ -157,8 +157,8 @@ bool SimulatedInterface::selectConfiguration(std::uint8_t value, std::uint64_t m
     m_controls.reset();
     m_configuration = value == 0 ? nullptr : &*found;
     if (m_configuration != nullptr) {
-        m_controls =
-            std::make_unique<AudioControls>(*m_configuration, m_options.rates, m_options.ppm);
+        m_controls = std::make_unique<AudioControls>(*m_configuration, m_options.rates,
+                                                     m_options.externalRate, m_options.ppm);
         m_controls->onChange(
             [this](std::uint8_t number, std::uint8_t entity, std::uint8_t selector) {
                 addMessage(number, entity, selector);
@@ -166,6 +166,11 @@ bool SimulatedInterface::selectConfiguration(std::uint8_t value, std::uint64_t m
         m_controls->onRateChange([this](ClockDomain& clock, bool after, std::uint64_t when) {
             rateChange(clock, after, when);
         });
+        m_controls->onRouteChange([this](std::uint64_t when) { routeChange(when); });
+        for (const auto& clock : m_controls->clocks()) {
+            clock->valid = !clock->isExternal() || m_options.lock.isLocked(microframe);
+        }
+        m_nextLockChange = m_options.lock.nextChange(microframe);
         for (const AlternateSetting& setting : m_configuration->settings) {
             m_settings.try_emplace(setting.interfaceNumber, std::uint8_t{0});
             addStream(setting);
@@ -183,14 +188,12 @@ void SimulatedInterface::addStream(const AlternateSetting& setting) {
     const bool plays = std::ranges::any_of(setting.endpoints, [](const Endpoint& endpoint) {
         return !endpoint.isIn() && endpoint.type() == TransferType::Isochronous;
     });
-    AudioSink* sink = nullptr;
-    if (plays && m_firstOutput == nullptr) {
-        sink = m_options.sink.get();
-    }
+    const bool first = plays ? m_firstOutput == nullptr : m_firstInput == nullptr;
     auto& stream = m_streams[setting.interfaceNumber];
-    stream = std::make_unique<Stream>(sink);
-    if (plays && m_firstOutput == nullptr) {
-        m_firstOutput = stream.get();
+    stream = std::make_unique<Stream>(first && plays ? m_options.sink.get() : nullptr,
+                                      first && !plays ? m_options.source.get() : nullptr);
+    if (first) {
+        (plays ? m_firstOutput : m_firstInput) = stream.get();
     }
 }
 
@@ -236,11 +239,25 @@ void SimulatedInterface::startStream(Stream& stream, std::uint64_t microframe) {
             continue;
         }
         if (endpoint.isIn()) {
-            stream.input.start(stream.clock->clock, audio, microframe);
+            stream.input.start(stream.clock->clock, audio,
+                               endpoint.intervalMicroframes(m_options.speed));
         } else {
             const bool followsHost = endpoint.sync() != SyncType::Asynchronous;
             stream.output.start(stream.clock->clock, audio, followsHost, microframe);
         }
+    }
+    stream.output.mute(!stream.clock->valid, microframe);
+    stream.input.mute(!stream.clock->valid);
+    connectLoop();
+}
+
+// Both ends have to run on one clock: what one counts means nothing to another.
+void SimulatedInterface::connectLoop() {
+    m_loop = m_options.source && m_options.source->hearsOutput() && m_firstOutput != nullptr &&
+             m_firstInput != nullptr && m_firstInput->clock != nullptr &&
+             m_firstInput->clock == m_firstOutput->clock;
+    if (m_firstOutput != nullptr) {
+        m_firstOutput->output.listen(m_loop ? m_options.source.get() : nullptr);
     }
 }
 
@@ -248,6 +265,7 @@ void SimulatedInterface::stopStream(Stream& stream, std::uint64_t microframe) {
     stream.output.stop(microframe);
     stream.input.stop();
     stream.setting = nullptr;
+    stream.clock = nullptr;
 }
 
 void SimulatedInterface::stopAll(std::uint64_t microframe) {
@@ -266,6 +284,21 @@ void SimulatedInterface::rateChange(ClockDomain& clock, bool after, std::uint64_
         } else {
             stream->output.stop(microframe);
             stream->input.stop();
+        }
+    }
+}
+
+void SimulatedInterface::routeChange(std::uint64_t microframe) {
+    for (const auto& [number, stream] : m_streams) {
+        ClockDomain* const clock =
+            stream->setting == nullptr
+                ? stream->clock
+                : m_controls->clockOfTerminal(stream->setting->stream->terminalLink);
+        if (clock != stream->clock) {
+            stream->output.stop(microframe);
+            stream->input.stop();
+            stream->clock = clock;
+            startStream(*stream, microframe);
         }
     }
 }

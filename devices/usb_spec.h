@@ -16,6 +16,7 @@ constexpr std::uint8_t kInterface = 4;
 constexpr std::uint8_t kEndpoint = 5;
 constexpr std::uint8_t kDeviceQualifier = 6;
 constexpr std::uint8_t kInterfaceAssociation = 11;
+constexpr std::uint8_t kDfuFunctional = 0x21; // USB Device Firmware Upgrade 1.1, 4.1.3
 constexpr std::uint8_t kCsInterface = 0x24;
 constexpr std::uint8_t kCsEndpoint = 0x25;
 
@@ -57,6 +58,9 @@ constexpr std::uint8_t kAudio = 0x01;
 constexpr std::uint8_t kAudioControl = 0x01;
 constexpr std::uint8_t kAudioStreaming = 0x02;
 constexpr std::uint8_t kAudioVersion2 = 0x20; // bInterfaceProtocol IP_VERSION_02_00
+constexpr std::uint8_t kApplicationSpecific = 0xFE;
+constexpr std::uint8_t kFirmwareUpgrade = 0x01; // subclass of it
+constexpr std::uint8_t kUpgradeMode = 0x02;     // protocol of that: the device waits for firmware
 
 // UAC2 AudioControl interface descriptor subtypes.
 constexpr std::uint8_t kHeader = 1;

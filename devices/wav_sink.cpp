@@ -1,6 +1,7 @@
 #include "devices/wav_sink.h"
 
 #include "devices/error.h"
+#include "devices/subslot.h"
 
 #include <fmt/format.h>
 #include <sndfile.h>
@@ -21,8 +22,7 @@ constexpr std::uint64_t kMostBytes = 0xFFFF'0000;
 
 // As many bits as the converter has: what travels below them in a subslot it can't play.
 int containerOf(const AudioFormat& format) {
-    const int subslotBits = 8 * format.subslotBytes;
-    const int bits = format.bits == 0 ? subslotBits : std::min<int>(format.bits, subslotBits);
+    const unsigned bits = converterBits(format);
     if (bits <= 8) {
         return SF_FORMAT_PCM_U8;
     }
@@ -30,15 +30,6 @@ int containerOf(const AudioFormat& format) {
         return SF_FORMAT_PCM_16;
     }
     return bits <= 24 ? SF_FORMAT_PCM_24 : SF_FORMAT_PCM_32;
-}
-
-// A little-endian sample of 1 to 4 bytes, left-justified in 32 bits.
-std::int32_t sampleAt(const std::byte* bytes, std::uint8_t subslotBytes) {
-    std::uint32_t value = 0;
-    for (std::uint8_t i = 0; i < subslotBytes; ++i) {
-        value |= std::to_integer<std::uint32_t>(bytes[i]) << (8 * (4 - subslotBytes + i));
-    }
-    return static_cast<std::int32_t>(value);
 }
 
 } // namespace
@@ -114,9 +105,9 @@ void WavSink::play(std::span<const std::byte> frames) {
     m_bytes += frames.size();
     std::uint32_t heard = 0;
     for (std::size_t at = 0; at + subslot <= frames.size(); at += subslot) {
-        const std::int32_t sample = sampleAt(frames.data() + at, m_format.subslotBytes);
-        heard |= static_cast<std::uint32_t>(sample);
-        m_samples[m_fill++] = sample;
+        const std::uint32_t sample = sampleAt(frames.data() + at, m_format.subslotBytes);
+        heard |= sample;
+        m_samples[m_fill++] = static_cast<std::int32_t>(sample);
         if (m_fill == m_samples.size()) {
             flush();
         }

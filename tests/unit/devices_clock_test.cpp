@@ -48,7 +48,7 @@ TEST(SampleClock, CountsExactlyHoweverItIsAsked) {
 TEST(SampleClock, GoesOnFromWhereARateEnded) {
     SampleClock clock(48000);
     EXPECT_EQ(clock.position(kSecond), 48000U);
-    clock.set(96000, 0);
+    clock.setRate(96000);
     EXPECT_EQ(clock.position(2 * kSecond), 48000U + 96000U);
 }
 

@@ -5,6 +5,7 @@
 #include "devices/error.h"
 #include "devices/models.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -54,12 +55,56 @@ private:
     std::string m_path;
 };
 
-TEST(Descriptors, StereoOutIsFaultless) {
-    const auto device = parseDevice(stereoOut());
-    for (const Finding& finding : examine(device, Speed::High)) {
-        ADD_FAILURE() << finding.offset << ": " << finding.text;
+TEST(Models, AreFaultless) {
+    std::map<std::uint16_t, std::string> products;
+    for (const Model& model : models()) {
+        SCOPED_TRACE(model.name);
+        const auto device = makeDevice(model.name);
+        for (const Finding& finding : examine(device->descriptors(), Speed::High)) {
+            ADD_FAILURE() << finding.offset << ": " << finding.text;
+        }
+        EXPECT_EQ(device->descriptors().vendor, KELVANE_VENDOR_ID);
+        const auto [twin, fresh] = products.emplace(device->descriptors().product, model.name);
+        EXPECT_TRUE(fresh) << "has the product ID of " << twin->second;
     }
-    EXPECT_EQ(device.vendor, KELVANE_VENDOR_ID);
+}
+
+TEST(Models, Streams) {
+    struct Case {
+        const char* name;
+        std::size_t setting; // in descriptor order
+        std::uint8_t address, attributes;
+        std::uint8_t channels;
+        std::uint32_t packetSize, transactions;
+        std::size_t endpoints;
+    };
+    const Case cases[] = {
+        {"stereo-out", 2, 0x01, 0x05, 2, 200, 1, 2}, // the second is its feedback
+        {"input-only", 2, 0x81, 0x05, 2, 208, 1, 1}, {"duplex", 2, 0x01, 0x05, 2, 200, 1, 1},
+        {"duplex", 4, 0x81, 0x25, 2, 208, 1, 1}, // implicit feedback
+        {"large", 2, 0x01, 0x05, 32, 832, 2, 1},     {"large", 4, 0x81, 0x25, 32, 896, 2, 1},
+    };
+    for (const Case& testCase : cases) {
+        SCOPED_TRACE(fmt::format("{} {}", testCase.name, testCase.setting));
+        const auto model = makeDevice(testCase.name);
+        const Configuration& configuration = model->descriptors().configurations.front();
+        ASSERT_LT(testCase.setting, configuration.settings.size());
+        const AlternateSetting& setting = configuration.settings[testCase.setting];
+        EXPECT_EQ(setting.setting, 1);
+        ASSERT_TRUE(setting.stream);
+        EXPECT_EQ(setting.stream->frameBytes(), 4U * testCase.channels);
+        EXPECT_EQ(setting.stream->bits, 24);
+        ASSERT_EQ(setting.endpoints.size(), testCase.endpoints);
+        const Endpoint& endpoint = setting.endpoints.front();
+        EXPECT_EQ(endpoint.address, testCase.address);
+        EXPECT_EQ(endpoint.attributes, testCase.attributes);
+        EXPECT_EQ(endpoint.packetSize, testCase.packetSize);
+        EXPECT_EQ(endpoint.transactions, testCase.transactions);
+    }
+}
+
+TEST(Descriptors, StereoOut) {
+    const auto device = parseDevice(stereoOut());
     const Configuration& configuration = device.configurations.front();
     ASSERT_EQ(configuration.settings.size(), 3U);
     const AlternateSetting& streaming = configuration.settings[2];
