@@ -49,6 +49,11 @@ struct SystemOptions {
     std::string device = "stereo-out";     // a built-in model, or the path of a descriptor dump
     std::optional<std::uint16_t> asVendor; // present the device under this vendor ID
     double ppm = 0.0;                      // the device's sample clock against bus time
+    std::string drift; // the same over time, in place of `ppm`: "150", "-300..300/20s" for a swing
+    std::string lock;  // when an external clock has no signal, in seconds: "5..8", "0..2,5.."
+    // What the device's input hears: "silence", "tone:HZ" ("tone:HZ:DBFS"), "counter", "loopback"
+    // (what its output plays), the path of an audio file, or "loop:FILE".
+    std::string input = "silence";
     std::string outputFile; // the WAV file of what the device's converter plays; may be empty
     std::shared_ptr<devices::AudioSink> sink;    // takes it in place of a file; may be null
     std::optional<std::uint32_t> transferFrames; // "UrbSize" in the driver's key, 1 ms frames
@@ -59,6 +64,10 @@ struct SystemOptions {
     std::function<void(const std::string&)> trace;    // one line of trace, formatted
     std::function<void(const std::string&)> breaches; // a broken kernel rule; empty: abort
 };
+
+// Whether `SystemOptions::drift` and `lock` can be read. Throw InputError.
+void checkDrift(const std::string& text);
+void checkLock(const std::string& text);
 
 struct ModelInfo {
     std::string name;
@@ -145,38 +154,75 @@ struct LatencyStatistics {
     std::array<std::uint32_t, 20> buckets{};
 };
 
-// A render pin in use: opened with its format, and closed with the object.
-class RenderStream {
-public:
-    ~RenderStream();
-    RenderStream(RenderStream&&) noexcept;
+// What one buffer of a capture pin brought.
+struct CapturedAudio {
+    std::span<const std::byte> frames; // whole sample frames; there until the stream is used again
+    bool discontinuity = false;        // samples were lost before these
+    std::optional<std::int64_t> time;  // of the first sample frame, 100 ns since the pin was opened
+};
 
+// An audio pin in use: opened with its format, and closed with the object.
+class PinStream {
+public:
     // The class driver's steps: stop, acquire, pause, run.
     void acquire();
     void pause();
     void run();
-    void stop();
+    void stop(); // brings every buffer back
 
     const PcmFormat& format() const;
     // The buffer that the pin asks for, in bytes: one transfer's worth of audio.
     std::uint32_t bufferBytes() const;
     std::uint32_t transferFrames() const; // in force, 1 ms bus frames
+    std::size_t queued() const;           // buffers
+    LatencyStatistics latency() const;    // of the pin's direction
+
+protected:
+    struct Parts;
+    explicit PinStream(std::unique_ptr<Parts> parts);
+    ~PinStream();
+    PinStream(PinStream&&) noexcept;
+    Parts& parts() const { return *m_parts; }
+
+private:
+    friend class System;
+    std::unique_ptr<Parts> m_parts;
+};
+
+// A render pin.
+class RenderStream : public PinStream {
+public:
     // Queues a copy of `frames` (whole sample frames). Returns at once.
     void write(std::span<const std::byte> frames);
     // Waits, in the machine's time, until at most `left` queued buffers remain. False on time-out.
     bool waitForQueue(std::size_t left, std::uint32_t milliseconds);
-    // No more data will come: waits until the last of it has left the interface's converter. False
-    // on time-out.
+    // No more data will come: that the pin runs dry is no trouble from here on.
+    void endOfData();
+    // From the return of the last buffer until its samples have left the interface's converter.
+    std::uint32_t drainMilliseconds() const;
+    // Says endOfData and waits until the last sample has left the converter. False on time-out.
     bool drain(std::uint32_t milliseconds);
-    std::size_t queued() const;
     std::uint64_t bytesPlayed() const; // the pin's position
-    LatencyStatistics latency() const;
 
 private:
     friend class System;
-    struct Parts;
-    explicit RenderStream(std::unique_ptr<Parts> parts);
-    std::unique_ptr<Parts> m_parts;
+    using PinStream::PinStream;
+};
+
+// A capture pin. While it runs, a buffer must be queued at every moment, or samples are lost.
+class CaptureStream : public PinStream {
+public:
+    // Queues empty buffers of bufferBytes() until so many wait to be filled.
+    void queueBuffers(std::size_t count);
+    // Takes the oldest buffer, once it is full. Waits in the machine's time; nothing on time-out.
+    std::optional<CapturedAudio> read(std::uint32_t milliseconds);
+    // What the oldest buffer holds so far. Ask when the pin is paused and all full ones are read.
+    CapturedAudio rest() const;
+    std::uint64_t bytesRecorded() const; // the pin's position
+
+private:
+    friend class System;
+    using PinStream::PinStream;
 };
 
 // What went over the bus, counted by the host controller.
@@ -196,6 +242,13 @@ struct DeviceCounters {
     double measuredRate = 0.0;        // Hz, frames played over bus time
 };
 
+// What its input did.
+struct InputCounters {
+    std::uint64_t framesSent = 0;  // sample frames that went out in packets
+    std::uint64_t framesLost = 0;  // that no host fetched in time
+    std::uint64_t framesMuted = 0; // of those sent, silenced by a clock without lock
+};
+
 // A machine, the driver on it, and one interface on its bus.
 class System {
 public:
@@ -208,20 +261,26 @@ public:
 
     FilterInfo describe();
     std::optional<PinInfo> renderPin(); // the filter's first
-    // That pin, opened. Throws StatusError when there is none or it doesn't take the format.
+    std::optional<PinInfo> capturePin();
+    // That pin, opened. Throws StatusError when there is none or it doesn't take the format. Both
+    // may be open at once, at one rate.
     RenderStream openRender(const PcmFormat& format);
+    CaptureStream openCapture(const PcmFormat& format);
     void sleep(std::uint32_t milliseconds); // in the machine's time
     double seconds() const;                 // the machine's time since it was made
 
     std::vector<std::uint32_t> rates(); // that the interface's clock offers, Hz, ascending
-    // Since a stream was last opened, or else since the start.
+    // Since the first of the streams was opened that are or were open together last; or else since
+    // the start.
     BusCounters busCounters() const;
     DeviceCounters deviceCounters() const;
+    InputCounters inputCounters() const;
     std::vector<std::string> warnings() const; // trace lines that tell of trouble, in order
     std::uint64_t poolAllocations() const;     // since the machine was made
 
-    // Closes the device's output file. Throws InputError when it couldn't be written.
-    void finishDeviceOutput();
+    // Closes the device's output file. Throws InputError when it couldn't be written, or when the
+    // input couldn't hear what it was asked to.
+    void finishDevice();
 
 private:
     struct Parts;

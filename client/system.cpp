@@ -3,8 +3,8 @@
 #include "client/interfaces.h"
 #include "client/kshandle.h"
 #include "client/pinformat.h"
+#include "client/pinstream.h"
 #include "client/refusal.h"
-#include "client/renderstream.h"
 #include "client/topology.h"
 #include "client/troubles.h"
 #include "devices/error.h"
@@ -43,6 +43,12 @@ nt::MachineOptions machineOptions(const SystemOptions& options, Troubles& troubl
     return machine;
 }
 
+void sleepInMachine(std::uint32_t milliseconds) {
+    LARGE_INTEGER interval{};
+    interval.QuadPart = -static_cast<LONGLONG>(nt::kMillisecond) * milliseconds;
+    KeDelayExecutionThread(KernelMode, FALSE, &interval);
+}
+
 // The driver publishes its filter under this category, among others.
 std::u16string findFilter(DEVICE_OBJECT* pdo) {
     const GUID category = {STATIC_KSCATEGORY_AUDIO};
@@ -65,6 +71,8 @@ struct System::Parts {
     void openDevice();
     void start();
     void countAnew(); // the start-up's own transfers are none of a stream's
+    std::optional<PinInfo> findPin(Direction direction) const;
+    std::unique_ptr<PinStream::Parts> openPin(Direction direction, const PcmFormat& format);
     [[noreturn]] void refuse(const std::string& what, NTSTATUS status) const;
 
     SystemOptions options;
@@ -77,8 +85,10 @@ struct System::Parts {
     bool started = false;
     std::u16string link; // of the filter
     std::optional<KsFile> filter;
+    std::weak_ptr<void> streams; // expired: none is open
     usb::BusCounters busBefore;
     devices::OutputCounters converterBefore;
+    devices::InputCounters inputBefore;
 };
 
 System::Parts::Parts(const SystemOptions& asked)
@@ -101,11 +111,14 @@ System::Parts::~Parts() {
 
 void System::Parts::openDevice() {
     devices::DeviceOptions deviceOptions;
-    deviceOptions.ppm = options.ppm;
     deviceOptions.asVendor = options.asVendor;
     deviceOptions.sink = options.sink;
     deviceOptions.outputFile = options.outputFile;
     try {
+        deviceOptions.ppm = options.drift.empty() ? devices::DriftSchedule(options.ppm)
+                                                  : devices::DriftSchedule::parse(options.drift);
+        deviceOptions.lock = devices::LockSchedule::parse(options.lock);
+        deviceOptions.source = devices::makeSource(options.input);
         device = devices::makeDevice(options.device, deviceOptions);
     } catch (const devices::DeviceError& error) {
         throw InputError(error.what());
@@ -172,33 +185,53 @@ FilterInfo System::describe() {
     return info;
 }
 
-std::optional<PinInfo> System::renderPin() {
-    const auto pins = readPins(*m_parts->filter);
-    const auto found = std::find_if(pins.begin(), pins.end(), [](const PinInfo& pin) {
-        return pin.intoFilter && pin.communication == "sink" && !pin.formats.empty() &&
-               pin.formats.front().subformat == "PCM";
+std::optional<PinInfo> System::Parts::findPin(Direction direction) const {
+    const auto pins = readPins(*filter);
+    const auto found = std::find_if(pins.begin(), pins.end(), [&](const PinInfo& pin) {
+        return pin.intoFilter == (direction == Direction::Output) && pin.communication == "sink" &&
+               !pin.formats.empty() && pin.formats.front().subformat == "PCM";
     });
     return found != pins.end() ? std::optional(*found) : std::nullopt;
 }
 
-RenderStream System::openRender(const PcmFormat& format) {
-    const auto pin = renderPin();
+std::unique_ptr<PinStream::Parts> System::Parts::openPin(Direction direction,
+                                                         const PcmFormat& format) {
+    const auto pin = findPin(direction);
     if (!pin) {
-        throw StatusError("the filter has no render pin",
+        throw StatusError(direction == Direction::Output ? "the filter has no render pin"
+                                                         : "the filter has no capture pin",
                           static_cast<std::uint32_t>(STATUS_NOT_FOUND));
     }
     const PinConnection connection = makeConnection(pin->id, format);
-    KsFile file = m_parts->filter->createPin(bytesOf(connection));
-    m_parts->countAnew();
-    return RenderStream(std::make_unique<RenderStream::Parts>(
-        std::move(file), format, m_parts->troubles,
-        [this](std::uint32_t milliseconds) { sleep(milliseconds); }));
+    KsFile file = filter->createPin(bytesOf(connection));
+    auto open = streams.lock();
+    if (!open) {
+        countAnew();
+        open = std::make_shared<bool>(true);
+        streams = open;
+    }
+    return std::make_unique<PinStream::Parts>(std::move(file), format, direction,
+                                              StreamContext{troubles, sleepInMachine, open});
+}
+
+std::optional<PinInfo> System::renderPin() {
+    return m_parts->findPin(Direction::Output);
+}
+
+std::optional<PinInfo> System::capturePin() {
+    return m_parts->findPin(Direction::Input);
+}
+
+RenderStream System::openRender(const PcmFormat& format) {
+    return RenderStream(m_parts->openPin(Direction::Output, format));
+}
+
+CaptureStream System::openCapture(const PcmFormat& format) {
+    return CaptureStream(m_parts->openPin(Direction::Input, format));
 }
 
 void System::sleep(std::uint32_t milliseconds) {
-    LARGE_INTEGER interval{};
-    interval.QuadPart = -static_cast<LONGLONG>(nt::kMillisecond) * milliseconds;
-    KeDelayExecutionThread(KernelMode, FALSE, &interval);
+    sleepInMachine(milliseconds);
 }
 
 double System::seconds() const {
@@ -214,6 +247,7 @@ std::vector<std::uint32_t> System::rates() {
 void System::Parts::countAnew() {
     busBefore = machine.service<usb::UsbBus>().counters(pdo);
     converterBefore = device->outputCounters();
+    inputBefore = device->inputCounters();
 }
 
 BusCounters System::busCounters() const {
@@ -238,6 +272,14 @@ DeviceCounters System::deviceCounters() const {
             .measuredRate = now.measuredRate()};
 }
 
+InputCounters System::inputCounters() const {
+    const devices::InputCounters& before = m_parts->inputBefore;
+    const devices::InputCounters now = m_parts->device->inputCounters();
+    return {.framesSent = now.framesSent - before.framesSent,
+            .framesLost = now.framesLost - before.framesLost,
+            .framesMuted = now.framesMuted - before.framesMuted};
+}
+
 std::vector<std::string> System::warnings() const {
     return m_parts->troubles.lines();
 }
@@ -246,9 +288,10 @@ std::uint64_t System::poolAllocations() const {
     return m_parts->machine.pool().counters().allocations;
 }
 
-void System::finishDeviceOutput() {
+void System::finishDevice() {
     try {
         m_parts->device->finishOutput();
+        m_parts->device->finishInput();
     } catch (const devices::DeviceError& error) {
         throw InputError(error.what());
     }

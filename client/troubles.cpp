@@ -48,13 +48,24 @@ bool tellsOfTrouble(std::string_view line) {
     return hasAny(line, kMarks) && !hasAny(line, kHarmless);
 }
 
-bool tellsOfStarvation(std::string_view line) {
-    return line.find("only processed") != std::string_view::npos ||
+bool tellsOfStarvation(std::string_view line, Direction direction) {
+    // The second form names no direction; a line of the first one follows it.
+    return (line.find("only processed") != std::string_view::npos &&
+            line.find(direction == Direction::Input ? "(in )" : "(out)") !=
+                std::string_view::npos) ||
            line.find("KsPinGetLeadingEdgeStreamPointer") != std::string_view::npos;
 }
 
+bool Troubles::expected(std::string_view line) const {
+    return std::ranges::any_of(
+        std::array{Direction::Output, Direction::Input}, [&](Direction direction) {
+            return m_starvationExpected[static_cast<std::size_t>(direction)] &&
+                   tellsOfStarvation(line, direction);
+        });
+}
+
 void Troubles::consider(std::string_view line) {
-    if (!tellsOfTrouble(line) || (m_starvationExpected && tellsOfStarvation(line))) {
+    if (!tellsOfTrouble(line) || expected(line)) {
         return;
     }
     while (!line.empty() && (line.back() == '\n' || line.back() == ' ')) {

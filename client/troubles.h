@@ -2,6 +2,7 @@
 // Internal to the client.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <mutex>
 #include <string>
@@ -15,19 +16,26 @@ namespace kelvane::client {
 // none.
 bool tellsOfTrouble(std::string_view line);
 
-// Whether a line says that a pin had less to give than the transfer took.
-bool tellsOfStarvation(std::string_view line);
+enum class Direction { Output, Input };
+
+// Whether a line says that a pin of this direction had less to give, or less room, than a transfer.
+bool tellsOfStarvation(std::string_view line, Direction direction);
 
 class Troubles {
 public:
     // Any thread, any IRQL.
     void consider(std::string_view line);
-    // A stream without data is in trouble only while its application has more to give.
-    void expectStarvation(bool expected) { m_starvationExpected = expected; }
+    // A stream without data is in trouble only while its application has more to give, and one
+    // without room only while its application wants more.
+    void expectStarvation(Direction direction, bool expected) {
+        m_starvationExpected[static_cast<std::size_t>(direction)] = expected;
+    }
     std::vector<std::string> lines() const;
 
 private:
-    std::atomic<bool> m_starvationExpected{true};
+    bool expected(std::string_view line) const;
+
+    std::array<std::atomic<bool>, 2> m_starvationExpected{true, true}; // by Direction
     mutable std::mutex m_mutex;
     std::vector<std::string> m_lines; // at most kKept: the first tell most
     static constexpr std::size_t kKept = 1000;

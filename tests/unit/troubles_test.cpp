@@ -36,18 +36,27 @@ TEST(Troubles, AreToldFromWhatEveryHealthyRunPrints) {
     }
 }
 
-TEST(Troubles, AStreamThatRunsDryCountsWhileItsApplicationHasMore) {
-    const char* dry = "Warning - client 0x1 (out) only processed    10 of   480 samples\n";
-    Troubles troubles;
-    troubles.consider(dry); // not begun
-    EXPECT_TRUE(troubles.lines().empty());
-    troubles.expectStarvation(false);
-    troubles.consider(dry);
-    troubles.expectStarvation(true);
-    troubles.consider(dry); // at its end
-    EXPECT_EQ(troubles.lines(),
-              std::vector<std::string>{
-                  "Warning - client 0x1 (out) only processed    10 of   480 samples"});
+TEST(Troubles, AStreamThatRunsDryCountsWhileItsApplicationGoesOn) {
+    const struct {
+        Direction direction;
+        const char* dry;
+    } table[] = {
+        {Direction::Output, "Warning - client 0x1 (out) only processed    10 of   480 samples"},
+        {Direction::Input, "Warning - client 0x1 (in ) only processed    10 of   480 samples"},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.dry);
+        Troubles troubles;
+        troubles.consider(row.dry); // not begun
+        EXPECT_TRUE(troubles.lines().empty());
+        troubles.expectStarvation(row.direction, false);
+        troubles.consider(row.dry);
+        // Which pin found no buffer doesn't say; the other one has an excuse.
+        troubles.consider("Warning: KsPinGetLeadingEdgeStreamPointer failed\n");
+        troubles.expectStarvation(row.direction, true);
+        troubles.consider(row.dry); // at its end
+        EXPECT_EQ(troubles.lines(), std::vector<std::string>{row.dry});
+    }
 }
 
 } // namespace
