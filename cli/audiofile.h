@@ -28,6 +28,9 @@ public:
     explicit AudioFile(const std::string& path);
 
     const AudioInfo& info() const { return m_info; }
+    double seconds() const {
+        return static_cast<double>(m_info.frames) / static_cast<double>(m_info.rate);
+    }
     // Fills whole sample frames, interleaved, left-justified in 32 bits. Returns the frames read: 0
     // at the end. Floating point is rounded to 24 bits, and held at full scale.
     std::size_t read(std::span<std::int32_t> samples);

@@ -20,7 +20,10 @@ std::string clockText(double seconds) {
 } // namespace
 
 std::string progressLine(double seconds, double total, int columns) {
-    const double share = total > 0 ? std::clamp(seconds / total, 0.0, 1.0) : 1.0;
+    if (total <= 0) {
+        return fmt::format("{}  Ctrl-C ends", clockText(seconds));
+    }
+    const double share = std::clamp(seconds / total, 0.0, 1.0);
     std::string right = fmt::format("{:3.0f} %  {} / {}", std::floor(share * 100),
                                     clockText(seconds), clockText(total));
     const int room = columns - static_cast<int>(right.size()) - 5; // brackets, blanks, last column

@@ -8,11 +8,12 @@
 namespace kelvane::cli {
 
 // "[########............]  40 %  0:12 / 0:30", as wide as `columns` allow. Seconds of audio.
+// Without a total, the time alone.
 std::string progressLine(double seconds, double total, int columns);
 
 class Progress {
 public:
-    // `total` in seconds of audio. Not wanted: draws nothing.
+    // `total` in seconds of audio; 0: nobody knows. Not wanted: draws nothing.
     Progress(double total, bool wanted);
     ~Progress(); // leaves a clean line
     Progress(const Progress&) = delete;

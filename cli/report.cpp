@@ -1,7 +1,6 @@
 #include "cli/report.h"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -12,13 +11,13 @@ namespace {
 
 constexpr std::size_t kWarningsShown = 10;
 
-// The converter's clock against bus time, in parts per million of the nominal rate.
-double deviation(const PlayReport& report) {
-    return (report.converter.measuredRate / report.format.rate - 1.0) * 1e6;
+std::string sampleText(const client::PcmFormat& format) {
+    return fmt::format("{} channels, {} bit in {} bytes, {} Hz", format.channels, format.bits,
+                       format.bytesPerSample, format.rate);
 }
 
-std::string sampleText(const client::PcmFormat& format) {
-    return fmt::format("{} bit in {} bytes", format.bits, format.bytesPerSample);
+const char* plural(std::uint64_t count) {
+    return count == 1 ? "" : "s";
 }
 
 std::string warningText(const std::vector<std::string>& warnings) {
@@ -39,7 +38,51 @@ std::string warningText(const std::vector<std::string>& warnings) {
     return text;
 }
 
+std::string fileText(const AudioInfo& file) {
+    return fmt::format("{}: {}, {} channel{}, {} Hz, {:.2f} s\n", file.path, file.format,
+                       file.channels, plural(file.channels), file.rate,
+                       static_cast<double>(file.frames) / file.rate);
+}
+
+std::string converterText(const PlaybackReport& playback) {
+    const client::DeviceCounters& converter = playback.converter;
+    return fmt::format("converter  {:.2f} Hz measured ({:+.1f} ppm), {} underrun{}, {} overrun{}\n",
+                       converter.measuredRate, deviationPpm(playback), converter.underruns,
+                       plural(converter.underruns), converter.overruns, plural(converter.overruns));
+}
+
+std::string recordingText(const RecordingReport& recording) {
+    const std::string peak = recording.peak > 0
+                                 ? fmt::format("peak {:.1f} dBFS", 20 * std::log10(recording.peak))
+                                 : std::string("digital silence");
+    return fmt::format("recorded   {} sample frames ({:.3f} s) of {}, {}{}\n",
+                       recording.framesRecorded,
+                       static_cast<double>(recording.framesRecorded) / recording.format.rate,
+                       recording.input, peak,
+                       recording.discontinuities != 0
+                           ? fmt::format(", {} discontinuities", recording.discontinuities)
+                           : std::string());
+}
+
+// What both directions are in one line when they agree.
+std::string streamText(const RunReport& report) {
+    std::string text = fmt::format("{}:", report.device);
+    if (report.playback) {
+        text += fmt::format(" {}{},", report.recording ? "out " : "",
+                            sampleText(report.playback->format));
+    }
+    if (report.recording) {
+        text += fmt::format(" {}{},", report.playback ? "in " : "",
+                            sampleText(report.recording->format));
+    }
+    return text + fmt::format(" transfers of {} ms\n", report.transferFrames);
+}
+
 } // namespace
+
+double deviationPpm(const PlaybackReport& playback) {
+    return (playback.converter.measuredRate / playback.format.rate - 1.0) * 1e6;
+}
 
 std::vector<RepeatedLine> countLines(const std::vector<std::string>& lines) {
     std::vector<RepeatedLine> counted;
@@ -72,80 +115,56 @@ std::string latenessChart(const client::LatencyStatistics& latency, int columns)
     return text;
 }
 
-std::string reportText(const PlayReport& report, int columns) {
-    const AudioInfo& file = report.file;
-    std::string text = fmt::format("{}: {}, {} channel{}, {} Hz, {:.2f} s\n", file.path,
-                                   file.format, file.channels, file.channels == 1 ? "" : "s",
-                                   file.rate, static_cast<double>(file.frames) / file.rate);
-    text += fmt::format("{}: {} channels, {}, {} Hz, transfers of {} ms\n", report.device,
-                        report.format.channels, sampleText(report.format), report.format.rate,
-                        report.transferFrames);
+std::string reportText(const RunReport& report, int columns) {
+    const auto& playback = report.playback;
+    const auto& recording = report.recording;
+    std::string text = playback ? fileText(playback->file) : std::string();
+    text += streamText(report);
     for (const std::string& note : report.notes) {
         text += fmt::format("note: {}\n", note);
     }
-    text += fmt::format("\nplayed     {} sample frames in {:.3f} s of bus time{}\n",
-                        report.framesPlayed, report.busSeconds,
-                        report.interrupted ? "; stopped before the end" : "");
+    text += '\n';
+    if (playback) {
+        text += fmt::format("played     {} sample frames in {:.3f} s of bus time{}\n",
+                            playback->framesPlayed, report.busSeconds,
+                            report.interrupted ? "; stopped before the end" : "");
+    }
+    if (recording) {
+        text += recordingText(*recording);
+    }
     text += fmt::format("transfers  {} ({} packets, {} bytes, {} packet error{})\n",
                         report.bus.transfers, report.bus.packets, report.bus.bytes,
-                        report.bus.errors, report.bus.errors == 1 ? "" : "s");
-    text += latenessChart(report.latency, columns);
-    text +=
-        fmt::format("converter  {:.2f} Hz measured ({:+.1f} ppm), {} underrun{}, {} overrun{}\n",
-                    report.converter.measuredRate, deviation(report), report.converter.underruns,
-                    report.converter.underruns == 1 ? "" : "s", report.converter.overruns,
-                    report.converter.overruns == 1 ? "" : "s");
+                        report.bus.errors, plural(report.bus.errors));
+    text += latenessChart(playback ? playback->latency : recording->latency, columns);
+    if (playback) {
+        text += converterText(*playback);
+    }
     text += warningText(report.warnings);
-    if (!report.outputFile.empty()) {
-        text += fmt::format("heard      {}\n", report.outputFile);
+    if (playback && !playback->outputFile.empty()) {
+        text += fmt::format("heard      {}\n", playback->outputFile);
+    }
+    if (recording) {
+        text += fmt::format("written    {}\n", recording->path);
     }
     return text;
 }
 
-std::string reportJson(const PlayReport& report) {
-    using Json = nlohmann::ordered_json;
-    Json warnings = Json::array();
-    for (const RepeatedLine& line : countLines(report.warnings)) {
-        warnings.push_back({{"text", line.text}, {"count", line.count}});
+std::string reportText(const LoopbackReport& report) {
+    std::string text =
+        fmt::format("{}: {}, looped from output to input, {} clicks per transfer size\n\n",
+                    report.device, sampleText(report.format), report.clicksSent);
+    text += "transfer      round trip                 least     most\n";
+    for (const RoundTrip& result : report.results) {
+        text +=
+            fmt::format("{:>5} ms  {:>7} frames {:>9.3f} ms  {:>7}  {:>7}\n", result.transferFrames,
+                        result.frames, report.milliseconds(result.frames), result.leastFrames,
+                        result.mostFrames);
     }
-    const Json document = {
-        {"version", 1},
-        {"command", "play"},
-        {"file",
-         {{"path", report.file.path},
-          {"format", report.file.format},
-          {"rate", report.file.rate},
-          {"channels", report.file.channels},
-          {"frames", report.file.frames}}},
-        {"device", report.device},
-        {"stream",
-         {{"rate", report.format.rate},
-          {"channels", report.format.channels},
-          {"bits", report.format.bits},
-          {"bytesPerSample", report.format.bytesPerSample},
-          {"transferFrames", report.transferFrames}}},
-        {"framesPlayed", report.framesPlayed},
-        {"interrupted", report.interrupted},
-        {"busSeconds", report.busSeconds},
-        {"bus",
-         {{"transfers", report.bus.transfers},
-          {"packets", report.bus.packets},
-          {"bytes", report.bus.bytes},
-          {"packetErrors", report.bus.errors}}},
-        {"lateness",
-         {{"completions", report.latency.completions}, {"perMillisecond", report.latency.buckets}}},
-        {"converter",
-         {{"framesReceived", report.converter.framesReceived},
-          {"framesPlayed", report.converter.framesPlayed},
-          {"underruns", report.converter.underruns},
-          {"overruns", report.converter.overruns},
-          {"measuredRate", report.converter.measuredRate},
-          {"deviationPpm", deviation(report)}}},
-        {"outputFile", report.outputFile.empty() ? Json(nullptr) : Json(report.outputFile)},
-        {"notes", report.notes},
-        {"warnings", warnings},
-    };
-    return document.dump(2);
+    text += '\n' + warningText(report.warnings);
+    if (!report.plotFile.empty()) {
+        text += fmt::format("chart      {}\n", report.plotFile);
+    }
+    return text;
 }
 
 } // namespace kelvane::cli

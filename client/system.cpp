@@ -73,6 +73,7 @@ struct System::Parts {
     void countAnew(); // the start-up's own transfers are none of a stream's
     std::optional<PinInfo> findPin(Direction direction) const;
     std::unique_ptr<PinStream::Parts> openPin(Direction direction, const PcmFormat& format);
+    KsFile createPin(std::span<const std::byte> connection) const;
     [[noreturn]] void refuse(const std::string& what, NTSTATUS status) const;
 
     SystemOptions options;
@@ -203,7 +204,7 @@ std::unique_ptr<PinStream::Parts> System::Parts::openPin(Direction direction,
                           static_cast<std::uint32_t>(STATUS_NOT_FOUND));
     }
     const PinConnection connection = makeConnection(pin->id, format);
-    KsFile file = filter->createPin(bytesOf(connection));
+    KsFile file = createPin(bytesOf(connection));
     auto open = streams.lock();
     if (!open) {
         countAnew();
@@ -212,6 +213,21 @@ std::unique_ptr<PinStream::Parts> System::Parts::openPin(Direction direction,
     }
     return std::make_unique<PinStream::Parts>(std::move(file), format, direction,
                                               StreamContext{troubles, sleepInMachine, open});
+}
+
+// A status alone says little: the driver's own lines go with it.
+KsFile System::Parts::createPin(std::span<const std::byte> connection) const {
+    const std::size_t before = troubles.lines().size();
+    try {
+        return filter->createPin(connection);
+    } catch (const StatusError& error) {
+        const std::vector<std::string> lines = troubles.lines();
+        std::string reasons;
+        for (std::size_t i = before; i < lines.size(); ++i) {
+            reasons += "\n  " + lines[i];
+        }
+        throw StatusError("the pin can't be opened", error.status(), reasons);
+    }
 }
 
 std::optional<PinInfo> System::renderPin() {

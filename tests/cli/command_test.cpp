@@ -262,7 +262,7 @@ TEST(Play, RefusesBadInputAndLeavesNothingBehind) {
         {{"play", "good.wav", "--device-output", "no/such.wav"}, "no/such.wav: can't be written"},
         {{"play", "good.wav", "--device-output", "folder"}, "folder: can't be written.*directory"},
         {{"play", "good.wav", "--device-output", "device.wav"}, "device.wav.*no regular file"},
-        {{"play", "good.wav", "--device-output", "good.wav"}, "good.wav.*the file to be played"},
+        {{"play", "good.wav", "--device-output", "good.wav"}, "good.wav.*this run has another use"},
         {{"play", "good.wav", "--trace=no/such.txt"}, "no/such.txt: can't be written"},
         {{"play", "good.wav", "--device", "nonesuch"}, "nonesuch.*stereo-out"},
         {{"play", "good.wav", "--device", "short.bin"}, "short.bin.*offset 0"},

@@ -11,6 +11,7 @@ TEST(Troubles, AreToldFromWhatEveryHealthyRunPrints) {
         "RegQueryValue(SampleRate) failed with error c0000034\n",
         "LoadDriverParameters - ZwOpenKey failed - error c0000034\n",
         "ERROR in AudioControlInterface::getClockSelectorControl() line 300 - !_clockSelectorID \n",
+        "GenerateKsFilterEvents() Error: KsDeviceGetFirstChildFilterFactory() returned NULL\n",
         "UsbAudioStream::StopStreaming() waiting for 2 IRPs to finish...\n",
         "completion times min = 0 max = 3\n",
         "UsbAudioDevice::PostStart() Using saved sample rate: 96000\n",

@@ -1,0 +1,138 @@
+#include "cli/session.h"
+
+#include "cli/playsource.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace kelvane::cli {
+namespace {
+
+using client::InputError;
+
+constexpr std::uint32_t kNoMatch = 0xC0000272; // STATUS_NO_MATCH
+
+client::SystemOptions systemOptions(const StreamOptions& options, TraceLog& trace) {
+    client::SystemOptions system = options.system;
+    system.trace = trace.sink();
+    if (options.transfer) {
+        checkTransferSize(*options.transfer);
+        system.transferFrames = static_cast<std::uint32_t>(*options.transfer);
+    }
+    return system;
+}
+
+std::uint32_t mostChannels(const client::PinInfo& pin) {
+    std::uint32_t channels = 0;
+    for (const client::FormatRange& range : pin.formats) {
+        channels = std::max(channels, range.maximumChannels);
+    }
+    return channels;
+}
+
+} // namespace
+
+void checkTransferSize(std::int64_t frames) {
+    if (frames < 1 || frames > client::kMaximumTransferFrames) {
+        throw InputError(fmt::format("--buffer {}: a transfer has 1 to {} bus frames of 1 ms",
+                                     frames, client::kMaximumTransferFrames));
+    }
+}
+
+Session::Session(const StreamOptions& options, TraceLog& trace)
+    : m_options(options), m_trace(trace) {
+    m_system.emplace(systemOptions(options, m_trace));
+}
+
+std::uint32_t Session::chooseRate(std::uint32_t wanted) {
+    const std::vector<std::uint32_t> rates = m_system->rates();
+    if (rates.empty()) {
+        throw InputError(
+            fmt::format("{}: the driver found no sample rate that its clock offers", device()));
+    }
+    if (m_options.rate == 0) {
+        return cli::chooseRate(wanted, rates);
+    }
+    if (std::find(rates.begin(), rates.end(), m_options.rate) == rates.end()) {
+        throw InputError(fmt::format("--rate {}: {} offers {} Hz", m_options.rate, device(),
+                                     fmt::join(rates, ", ")));
+    }
+    return m_options.rate;
+}
+
+std::uint16_t Session::outputChannels(std::uint32_t fileChannels) {
+    const auto pin = m_system->renderPin();
+    if (!pin) {
+        throw InputError(fmt::format("{}: the driver publishes no output to play on", device()));
+    }
+    return chooseChannels(fileChannels, mostChannels(*pin));
+}
+
+client::CaptureStream Session::openInput(std::uint32_t rate, std::uint16_t& bits) {
+    const auto pin = m_system->capturePin();
+    if (!pin) {
+        throw InputError(fmt::format("{}: the driver publishes no input to record from", device()));
+    }
+    const std::uint32_t channels = mostChannels(*pin);
+    if (channels < 2) {
+        throw InputError(fmt::format("{}: its input has {} channel; the driver opens even numbers "
+                                     "of channels only",
+                                     device(), channels));
+    }
+    client::PcmFormat format{.rate = rate,
+                             .channels = static_cast<std::uint16_t>(channels - channels % 2),
+                             .bits = 24,
+                             .bytesPerSample = 4};
+    const std::uint16_t asked = bits;
+    if (asked != 16) {
+        try {
+            auto stream = m_system->openCapture(format);
+            bits = asked == 0 ? 24 : asked;
+            return stream;
+        } catch (const client::StatusError& error) {
+            if (error.status() != kNoMatch) {
+                throw;
+            }
+            if (asked != 0) {
+                throw InputError(fmt::format("--bits {}: the input of {} has no more than 16 bits "
+                                             "that the driver passes on",
+                                             asked, device()));
+            }
+        }
+    }
+    bits = 16;
+    format.bits = 16;
+    format.bytesPerSample = 2;
+    return m_system->openCapture(format);
+}
+
+void Session::checkTransfer(std::uint32_t inForce) const {
+    if (m_options.transfer && inForce != *m_options.transfer) {
+        throw InputError(
+            fmt::format("--buffer {}: the smallest transfer that the driver measured on "
+                        "this bus is {} ms; {} to {} are accepted",
+                        *m_options.transfer, inForce, inForce, client::kMaximumTransferFrames));
+    }
+}
+
+void Session::reportStall(const char* what) const {
+    const auto warnings = countLines(m_system->warnings());
+    throw InputError(fmt::format("{}: the driver {} for {} s{}{}", device(), what,
+                                 kStallMilliseconds / 1000, warnings.empty() ? "" : ": ",
+                                 warnings.empty() ? "" : warnings.front().text));
+}
+
+void Session::conclude(RunReport& report) const {
+    report.device = device();
+    report.bus = m_system->busCounters();
+    report.warnings = m_system->warnings();
+}
+
+void Session::finish() {
+    m_system->finishDevice();
+    m_system.reset();
+    m_trace.finish();
+}
+
+} // namespace kelvane::cli

@@ -1,0 +1,58 @@
+// What the subcommands that stream have in common: a machine with the interface, formats that its
+// pins take, errors that a person understands.
+#pragma once
+
+#include "cli/commands.h"
+#include "cli/report.h"
+#include "cli/tracelog.h"
+#include "client/client.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace kelvane::cli {
+
+// As many buffers in flight as the pins' allocator framing asks for.
+constexpr std::size_t kBuffersInFlight = 8;
+// A buffer lasts one transfer, at most 128 ms, and the first waits for two more to be scheduled.
+constexpr std::uint32_t kStallMilliseconds = 2000;
+
+// Whether a transfer can have so many bus frames; throws InputError.
+void checkTransferSize(std::int64_t frames);
+
+class Session {
+public:
+    // Starts the machine. `trace` must live as long. Throws InputError and StatusError.
+    Session(const StreamOptions& options, TraceLog& trace);
+
+    client::System& system() { return *m_system; }
+    const std::string& device() const { return m_options.system.device; }
+
+    // The rate that was asked for, or else that of the device which suits `wanted` best. Throws
+    // InputError when the device doesn't have it.
+    std::uint32_t chooseRate(std::uint32_t wanted);
+    // Channels to open the output with, for a file of so many. Throws InputError without an output.
+    std::uint16_t outputChannels(std::uint32_t fileChannels);
+    // The input pin, opened with all channels that it has. `bits` of a sample in the file; 0: as
+    // many as there are, and left there. Throws InputError and StatusError.
+    client::CaptureStream openInput(std::uint32_t rate, std::uint16_t& bits);
+
+    // The driver raises a saved transfer size below the smallest that it measured; a person who
+    // asked for one is told: throws InputError.
+    void checkTransfer(std::uint32_t inForce) const;
+    [[noreturn]] void reportStall(const char* what) const;
+
+    // What the run was on the bus and in the trace.
+    void conclude(RunReport& report) const;
+    // All streams are closed: ends the machine, with the device's output and the trace complete.
+    // Throws InputError when one of these couldn't be written.
+    void finish();
+
+private:
+    StreamOptions m_options;
+    TraceLog& m_trace;
+    std::optional<client::System> m_system; // until finish()
+};
+
+} // namespace kelvane::cli
