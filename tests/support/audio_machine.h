@@ -149,6 +149,9 @@ public:
         nt::surpriseRemove(pdo);
     }
     void closeFilter() { m_filter.reset(); }
+    NTSTATUS setPower(DEVICE_POWER_STATE state) {
+        return nt::setDevicePower(m_pdos.front(), state);
+    }
 
     nt::Machine& machine() { return m_box.machine; }
     usb::UsbBus& bus() { return m_box.bus; }
