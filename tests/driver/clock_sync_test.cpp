@@ -14,8 +14,8 @@ namespace {
 
 constexpr std::uint32_t kFrameBytes = 8;
 constexpr std::size_t kPacketsAhead = 160; // two transfers of 10 ms lie between input and output
-constexpr std::uint32_t kRenderPin = 2;    // the input's pair comes first
-constexpr std::uint32_t kCapturePin = 0;
+constexpr std::uint32_t kRenderPin = 0;    // the device's first stream is its output
+constexpr std::uint32_t kCapturePin = 2;
 constexpr char kRateError[] = "kelvane: data rate error on input stream; packet contained ";
 
 // A duplex device whose input sends packets of as many bytes as `sizes` gives, in turn.
