@@ -183,9 +183,11 @@ void UsbAudioPin::StampFrame(PKSSTREAM_HEADER header, ULONG frameBytes) {
     const ULONGLONG position = m_NextFramePosition.Get();
     const ULONG bytesPerSecond =
         m_Format.nChannels * m_Format.nSamplesPerSec * (m_Format.wBitsPerSample / 8);
-    if (bytesPerSecond != 0) { // 0 when a device's rate is past what 32 bits hold
+    if (bytesPerSecond != 0) { // a rate from a device may wrap the product to 0
+        // In two parts: a position in time units outgrows 64 bits within days.
         header->PresentationTime.Time =
-            static_cast<LONGLONG>(position * kTimeUnitsPerSecond / bytesPerSecond);
+            static_cast<LONGLONG>(position / bytesPerSecond * kTimeUnitsPerSecond +
+                                  position % bytesPerSecond * kTimeUnitsPerSecond / bytesPerSecond);
         header->Duration = static_cast<LONGLONG>(frameBytes * kTimeUnitsPerSecond / bytesPerSecond);
         header->OptionsFlags |=
             KSSTREAM_HEADER_OPTIONSF_TIMEVALID | KSSTREAM_HEADER_OPTIONSF_DURATIONVALID;

@@ -10,6 +10,7 @@ Shared<ULONG> UsbAudioStream::s_NextStartFrame;
 
 UsbAudioStream::UsbAudioStream() : m_PendingIrps(&s_ActiveStreams) {
     // Before Init has accepted an interface, since the destructor cancels the timer in any case.
+    KeInitializeSpinLock(&m_ResubmitLock);
     KeInitializeTimerEx(&m_FeedbackTimer, SynchronizationTimer);
     KeInitializeDpc(&m_FeedbackDpc, DispatchFeedbackUrbTimerDpc, this);
 }

@@ -203,7 +203,8 @@ private:
     bool m_Paused = false;       // PASSIVE_LEVEL only
     Shared<bool> m_Running;      // completions send transfers again only while set
     PendingIrps m_PendingIrps;   // transfers and feedback request in flight
-    ULONG m_NextStartFrame = 0;  // start, then one completion (or the observer's lock) at a time
+    KSPIN_LOCK m_ResubmitLock;   // one completion at a time works on its transfer and sends it on
+    ULONG m_NextStartFrame = 0;  // start, then the lock above, or the observer's
     Shared<ULONG> m_MinLateness; // bus frames
     Shared<ULONG> m_MaxLateness; // bus frames
     Shared<ULONG> m_Completions; // since the last start; one writer, readers at any time

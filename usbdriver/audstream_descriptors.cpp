@@ -82,8 +82,9 @@ bool UsbAudioStream::ParseDescriptors(ULONG rate) {
             continue;
         }
         // Init refuses empty sample frames by name; a stream in use is never moved to them, since
-        // transfers are divided by the frame size.
-        if (setting.HasEmptyFrames() && m_Format.bytesPerSampleFrame != 0) {
+        // transfers are divided by the frame size, nor to the other direction.
+        const bool turns = ((setting.audioEndpointAddress ^ _audioEndpointAddress) & 0x80) != 0;
+        if ((setting.HasEmptyFrames() || turns) && m_Format.bytesPerSampleFrame != 0) {
             continue;
         }
         Choose(setting);

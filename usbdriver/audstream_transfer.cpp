@@ -177,6 +177,8 @@ void UsbAudioStream::Pause() {
     if (m_Running.Get()) {
         m_Paused = true;
         StopStreaming();
+    } else {
+        m_PendingIrps.Wait(); // after an error: what follows finds the stream idle
     }
 }
 
@@ -318,6 +320,7 @@ void UsbAudioStream::TransferCompleted(CIsocUrb* urb) {
         m_Observer->UrbCompleted(this, urb);
         return;
     }
+    const SpinLockHolder holder(&m_ResubmitLock);
     if (!IsInput()) {
         SizeOutputPackets(urb);
     } else if (urb->SumOfPacketLengths() == 0) {

@@ -7,30 +7,15 @@ ULONG LaterFrame(ULONG a, ULONG b) {
     return static_cast<LONG>(a - b) > 0 ? a : b;
 }
 
-// For the passive-level calls: the lock is taken at DISPATCH_LEVEL only.
-class RaisedSpinLockHolder {
-public:
-    explicit RaisedSpinLockHolder(PKSPIN_LOCK lock) : m_Lock(lock) {
-        KeAcquireSpinLock(m_Lock, &m_Irql);
-    }
-    ~RaisedSpinLockHolder() { KeReleaseSpinLock(m_Lock, m_Irql); }
-    RaisedSpinLockHolder(const RaisedSpinLockHolder&) = delete;
-    RaisedSpinLockHolder& operator=(const RaisedSpinLockHolder&) = delete;
-
-private:
-    PKSPIN_LOCK m_Lock;
-    KIRQL m_Irql;
-};
-
 } // namespace
 
 void ClockSync::StreamStarted(UsbAudioStream* stream) {
-    RaisedSpinLockHolder holder(&m_Lock);
+    const RaisingSpinLockHolder holder(&m_Lock);
     SideOf(stream) = {stream, nullptr};
 }
 
 void ClockSync::StreamStopped(UsbAudioStream* stream) {
-    RaisedSpinLockHolder holder(&m_Lock);
+    const RaisingSpinLockHolder holder(&m_Lock);
     Side& side = SideOf(stream);
     if (side.stream == stream) {
         side = {};
@@ -70,10 +55,14 @@ void ClockSync::CopyFrameCounts() {
     const ULONG bytesOut = m_Output.stream->GetBytesPerSampleFrame();
     const ULONG maxFrames = m_LastUrbOut->GetBufferSize() / packets / bytesOut;
     const ULONG inputSlot = m_LastUrbIn->GetBufferSize() / m_LastUrbIn->GetNumPackets();
+    const ULONG inputRoom = inputSlot - inputSlot % bytesIn;
     ULONG offset = 0;
     for (ULONG i = 0; i < packets; ++i) {
         USBD_ISO_PACKET_DESCRIPTOR& output = m_LastUrbOut->GetPacket(i);
         ULONG frames = output.Length / bytesOut;
+        if (frames > maxFrames) { // the device asked for more by its feedback
+            frames = maxFrames;
+        }
         if (i < m_LastUrbIn->GetNumPackets()) {
             USBD_ISO_PACKET_DESCRIPTOR& input = m_LastUrbIn->GetPacket(i);
             const ULONG received = input.Length / bytesIn;
@@ -84,7 +73,7 @@ void ClockSync::CopyFrameCounts() {
                          input.Length);
                 // What the clients read in its place lies in the packet's own part of the buffer.
                 const ULONG length = frames * bytesIn;
-                input.Length = length < inputSlot ? length : inputSlot;
+                input.Length = length < inputRoom ? length : inputRoom;
             }
         }
         output.Length = frames * bytesOut;

@@ -30,6 +30,7 @@ bool IsInterface(const CUsbInterface* provider, UCHAR interfaceClass, UCHAR subC
 
 UsbAudioDevice::UsbAudioDevice(PKSDEVICE device) : m_KsDevice(device) {
     DbgPrint("UsbAudioDevice::UsbAudioDevice()\n");
+    KeInitializeMutex(&m_StreamsMutex, 0);
     m_FilterDescriptor = new (PagedPool) FilterDescriptor;
     OpenRegistryKey();
     if (!NT_SUCCESS(ReadSetting(L"UrbSize", &m_UrbSize))) {
@@ -273,6 +274,7 @@ void UsbAudioDevice::SurpriseRemoval() {
 }
 
 void UsbAudioDevice::SetPower(DEVICE_POWER_STATE state) {
+    const MutexHolder holder(&m_StreamsMutex);
     if (state == PowerDeviceD0) {
         ForEachStream([](UsbAudioStream* stream) { stream->Resume(); });
     } else if (state == PowerDeviceD3) {

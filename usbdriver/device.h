@@ -1,7 +1,8 @@
 // One USB audio interface, from the day the bus announces it to the day it is gone.
 //
-// Everything runs at PASSIVE_LEVEL, serialised by the class driver's plug-and-play, pin-state and
-// property paths; the counts need no lock for that reason.
+// Everything runs at PASSIVE_LEVEL. The class driver serialises plug and play and the requests of
+// each filter; pins of one device may belong to several filters, so what the streams share has a
+// mutex of its own. It is taken last: behind a filter's and the device's.
 #pragma once
 
 #include "usbdriver/usblib/usbdevice.h"
@@ -107,6 +108,7 @@ private:
     HANDLE m_RegistryKey = nullptr; // the driver key; query access only, so that writes are refused
     ULONG m_UrbSize = kDefaultUrbSize;
     ULONG m_UrbSizeMin = kMaxUrbSizeMin;
+    KMUTEX m_StreamsMutex; // guards the rate and its locks, the running streams and their set-up
     FilterDescriptor* m_FilterDescriptor = nullptr;           // owned; paged
     ClockSync* m_ClockSync = nullptr;                         // owned; made on demand
     AudioControlInterface* m_AudioControlInterface = nullptr; // owned

@@ -17,6 +17,7 @@ constexpr NTSTATUS kSampleRateIsLocked = static_cast<NTSTATUS>(0xC0000708);
 
 NTSTATUS UsbAudioDevice::SetHardwareSampleRate(ULONG rate) {
     constexpr char kFunction[] = "UsbAudioDevice::SetHardwareSampleRate";
+    const MutexHolder holder(&m_StreamsMutex);
     if (m_SampleRateLocks != 0) {
         return kSampleRateIsLocked;
     }
@@ -53,6 +54,7 @@ NTSTATUS UsbAudioDevice::SetHardwareSampleRate(ULONG rate) {
 }
 
 bool UsbAudioDevice::LockSampleRate(ULONG rate) {
+    const MutexHolder holder(&m_StreamsMutex);
     if (m_SampleRate != rate && !NT_SUCCESS(SetHardwareSampleRate(rate))) {
         return false;
     }
@@ -61,6 +63,7 @@ bool UsbAudioDevice::LockSampleRate(ULONG rate) {
 }
 
 void UsbAudioDevice::UnlockSampleRate() {
+    const MutexHolder holder(&m_StreamsMutex);
     if (m_SampleRateLocks == 0) {
         DbgPrint("UsbAudioDevice::UnlockSampleRate() called too many times!\n");
         return;
@@ -71,7 +74,10 @@ void UsbAudioDevice::UnlockSampleRate() {
 // --- Streams ------------------------------------------------------------------------------------
 
 void UsbAudioDevice::StreamStart(UsbAudioStreamClient* pin, UsbAudioStream* stream) {
-    stream->AddClient(pin);
+    const MutexHolder holder(&m_StreamsMutex);
+    if (!stream->AddClient(pin)) { // the pin runs, and moves no samples
+        TraceFailed("UsbAudioDevice::StreamStart", "AddClient", STATUS_INSUFFICIENT_RESOURCES);
+    }
     if (++m_RunningStreams == 1) {
         ForEachStream([](UsbAudioStream* each) { each->StreamingSetup(); });
         ForEachStream([](UsbAudioStream* each) { each->StartStreaming(); });
@@ -79,6 +85,7 @@ void UsbAudioDevice::StreamStart(UsbAudioStreamClient* pin, UsbAudioStream* stre
 }
 
 void UsbAudioDevice::StreamStop(UsbAudioStreamClient* pin, UsbAudioStream* stream) {
+    const MutexHolder holder(&m_StreamsMutex);
     stream->RemoveClient(pin);
     if (--m_RunningStreams == 0) {
         ForEachStream([](UsbAudioStream* each) { each->StopStreaming(); });
@@ -108,12 +115,15 @@ NTSTATUS UsbAudioDevice::SetUrbSize(ULONG size) {
     }
     m_UrbSize = size;
     KsAcquireDevice(m_KsDevice);
-    ForEachStream([](UsbAudioStream* stream) { stream->Pause(); });
-    ForEachStream([](UsbAudioStream* stream) { stream->StreamingCleanup(); });
-    ForEachStream([this](UsbAudioStream* stream) { stream->SetUrbSize(m_UrbSize); });
-    GenerateKsFilterEvents(KSEVENTSETID_Kelvane, kEventUrbSize, sizeof(m_UrbSize), &m_UrbSize);
-    ForEachStream([](UsbAudioStream* stream) { stream->StreamingSetup(); });
-    ForEachStream([](UsbAudioStream* stream) { stream->Resume(); });
+    {
+        const MutexHolder holder(&m_StreamsMutex);
+        ForEachStream([](UsbAudioStream* stream) { stream->Pause(); });
+        ForEachStream([](UsbAudioStream* stream) { stream->StreamingCleanup(); });
+        ForEachStream([this](UsbAudioStream* stream) { stream->SetUrbSize(m_UrbSize); });
+        GenerateKsFilterEvents(KSEVENTSETID_Kelvane, kEventUrbSize, sizeof(m_UrbSize), &m_UrbSize);
+        ForEachStream([](UsbAudioStream* stream) { stream->StreamingSetup(); });
+        ForEachStream([](UsbAudioStream* stream) { stream->Resume(); });
+    }
     KsReleaseDevice(m_KsDevice);
     WriteSetting(L"UrbSize", m_UrbSize);
     return STATUS_SUCCESS;

@@ -4,21 +4,6 @@ namespace {
 
 constexpr ULONG kSlotsToGrow = 4;
 
-// Holds a spin lock for the length of a scope, from whatever IRQL the caller runs at.
-class RaisingLockHolder {
-public:
-    explicit RaisingLockHolder(PKSPIN_LOCK lock) : m_Lock(lock) {
-        KeAcquireSpinLock(m_Lock, &m_Irql);
-    }
-    ~RaisingLockHolder() { KeReleaseSpinLock(m_Lock, m_Irql); }
-    RaisingLockHolder(const RaisingLockHolder&) = delete;
-    RaisingLockHolder& operator=(const RaisingLockHolder&) = delete;
-
-private:
-    PKSPIN_LOCK m_Lock;
-    KIRQL m_Irql = 0;
-};
-
 } // namespace
 
 bool StreamClients::Add(UsbAudioStreamClient* client) {
@@ -26,7 +11,7 @@ bool StreamClients::Add(UsbAudioStreamClient* client) {
     ULONG numSlots = 0;
     for (;;) {
         {
-            const RaisingLockHolder holder(&m_Lock);
+            const RaisingSpinLockHolder holder(&m_Lock);
             if (numSlots > m_NumSlots) {
                 Grow(larger, numSlots);
             }
@@ -63,7 +48,7 @@ bool StreamClients::AddToFreeSlot(UsbAudioStreamClient* client) {
 }
 
 void StreamClients::Remove(const UsbAudioStreamClient* client) {
-    const RaisingLockHolder holder(&m_Lock);
+    const RaisingSpinLockHolder holder(&m_Lock);
     for (ULONG slot = 0; slot < m_NumSlots; ++slot) {
         if (Slots()[slot] == client) {
             Slots()[slot] = nullptr;
@@ -74,7 +59,7 @@ void StreamClients::Remove(const UsbAudioStreamClient* client) {
 }
 
 UsbAudioStreamClient* StreamClients::Get(ULONG index) {
-    const RaisingLockHolder holder(&m_Lock);
+    const RaisingSpinLockHolder holder(&m_Lock);
     for (ULONG slot = 0; slot < m_NumSlots; ++slot) {
         UsbAudioStreamClient* const client = Slots()[slot];
         if (client != nullptr && index-- == 0) {
@@ -85,6 +70,6 @@ UsbAudioStreamClient* StreamClients::Get(ULONG index) {
 }
 
 LONG StreamClients::Count() {
-    const RaisingLockHolder holder(&m_Lock);
+    const RaisingSpinLockHolder holder(&m_Lock);
     return m_NumClients;
 }

@@ -12,7 +12,7 @@ void TraceError(const char* function, int line, const char* condition, NTSTATUS 
 }
 
 void TraceFailed(const char* function, const char* call, NTSTATUS status) {
-    DbgPrint("%s() ERROR: %s failed (%x)\n", function, call, status);
+    DbgPrint("%s() ERROR: %s failed (%x)", function, call, status);
 }
 
 void TraceEntry(const char* function) {
@@ -94,11 +94,29 @@ SpinLockHolder::~SpinLockHolder() {
     KeReleaseSpinLockFromDpcLevel(m_Lock);
 }
 
+RaisingSpinLockHolder::RaisingSpinLockHolder(PKSPIN_LOCK lock) : m_Lock(lock) {
+    KeAcquireSpinLock(m_Lock, &m_Irql);
+}
+
+RaisingSpinLockHolder::~RaisingSpinLockHolder() {
+    KeReleaseSpinLock(m_Lock, m_Irql);
+}
+
+MutexHolder::MutexHolder(PKMUTEX mutex) : m_Mutex(mutex) {
+    KeWaitForSingleObject(m_Mutex, Executive, KernelMode, FALSE, nullptr);
+}
+
+MutexHolder::~MutexHolder() {
+    KeReleaseMutex(m_Mutex, FALSE);
+}
+
 PendingIrps::PendingIrps(volatile LONG* busyOwners) : m_BusyOwners(busyOwners) {
+    KeInitializeSpinLock(&m_Lock);
     KeInitializeEvent(&m_AllCompleted, NotificationEvent, TRUE);
 }
 
 void PendingIrps::CountIn() {
+    const RaisingSpinLockHolder holder(&m_Lock);
     if (InterlockedIncrement(&m_Count) == 1) {
         KeClearEvent(&m_AllCompleted);
         if (m_BusyOwners != nullptr) {
@@ -108,15 +126,16 @@ void PendingIrps::CountIn() {
 }
 
 void PendingIrps::CountOut() {
-    volatile LONG* const busyOwners = m_BusyOwners;
+    const RaisingSpinLockHolder holder(&m_Lock);
     if (InterlockedDecrement(&m_Count) == 0) {
-        if (busyOwners != nullptr) {
-            InterlockedDecrement(busyOwners);
+        if (m_BusyOwners != nullptr) {
+            InterlockedDecrement(m_BusyOwners);
         }
-        KeSetEvent(&m_AllCompleted, IO_NO_INCREMENT, FALSE);
+        KeSetEvent(&m_AllCompleted, EVENT_INCREMENT, FALSE);
     }
 }
 
 void PendingIrps::Wait() {
     KeWaitForSingleObject(&m_AllCompleted, Executive, KernelMode, FALSE, nullptr);
+    const RaisingSpinLockHolder holder(&m_Lock); // whoever set the event may not have let go yet
 }

@@ -107,8 +107,33 @@ private:
     PKSPIN_LOCK m_Lock;
 };
 
+// The same from any IRQL up to DISPATCH_LEVEL.
+class RaisingSpinLockHolder {
+public:
+    explicit RaisingSpinLockHolder(PKSPIN_LOCK lock);
+    ~RaisingSpinLockHolder();
+    RaisingSpinLockHolder(const RaisingSpinLockHolder&) = delete;
+    RaisingSpinLockHolder& operator=(const RaisingSpinLockHolder&) = delete;
+
+private:
+    PKSPIN_LOCK m_Lock;
+    KIRQL m_Irql = 0;
+};
+
+// Holds a mutex for the length of a scope, at PASSIVE_LEVEL. Its holder may take it again.
+class MutexHolder {
+public:
+    explicit MutexHolder(PKMUTEX mutex);
+    ~MutexHolder();
+    MutexHolder(const MutexHolder&) = delete;
+    MutexHolder& operator=(const MutexHolder&) = delete;
+
+private:
+    PKMUTEX m_Mutex;
+};
+
 // Counts the IRPs that an object has handed to the bus and not got back, so that its end can wait
-// for the last one. Counting is interlocked and runs at any IRQL up to DISPATCH_LEVEL.
+// for the last one. Counting runs at any IRQL up to DISPATCH_LEVEL.
 class PendingIrps {
 public:
     // `busyOwners`, when given, counts the owners that have at least one IRP pending.
@@ -125,7 +150,8 @@ public:
     void Wait();
 
 private:
-    volatile LONG m_Count = 0;
+    volatile LONG m_Count = 0; // read without the lock
     volatile LONG* m_BusyOwners;
+    KSPIN_LOCK m_Lock;     // keeps the event in step with the count
     KEVENT m_AllCompleted; // signalled while nothing is pending
 };

@@ -1,6 +1,7 @@
 // A device with both directions: what its input brings paces its output, packet by packet.
 #include "tests/support/audio_machine.h"
 #include "tests/support/stream_device.h"
+#include "tests/support/system_thread.h"
 
 #include <gtest/gtest.h>
 
@@ -136,6 +137,34 @@ TEST(ClockSync, SleepsAndWakesWithTheMachine) {
     duplex.machine.sleep(100);
     ASSERT_GT(duplex.device->heard.size(), before + 400);
     EXPECT_EQ(duplex.heard(duplex.device->heard.size() - 1), 6 * kFrameBytes);
+}
+
+// Each has a filter of its own, which the class driver serialises for itself: the last stop of one
+// meets the first start of the other.
+TEST(ClockSync, TwoApplicationsStartAndStopAsTheyLike) {
+    Duplex duplex({6 * kFrameBytes});
+    const auto startAndStop = [&](std::uint32_t pinId, std::uint32_t runs, std::uint32_t rests) {
+        const client::KsFile filter = duplex.machine.openFilter(0);
+        for (int i = 0; i < 30; ++i) {
+            AudioPin pin(filter, pinId, kPcm24);
+            pin.run();
+            duplex.machine.sleep(runs);
+            pin.stop();
+            pin.close();
+            duplex.machine.sleep(rests);
+        }
+    };
+    {
+        const SystemThread player([&] { startAndStop(kRenderPin, 23, 1); });
+        const SystemThread recorder([&] { startAndStop(kCapturePin, 11, 2); });
+        const SystemThread another([&] { startAndStop(kRenderPin, 1, 7); });
+    }
+    for (const char* trouble : {"m_Pipe", "m_Running", "m_DataBuffer", "m_PendingIrps", "FAILED"}) {
+        EXPECT_EQ(duplex.machine.mentions(trouble), 0U) << trouble;
+    }
+    duplex.device->heard.clear();
+    duplex.play(50);
+    EXPECT_GT(duplex.device->heard.size(), 300U);
 }
 
 } // namespace
