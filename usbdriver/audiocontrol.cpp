@@ -208,7 +208,7 @@ void AudioControlInterface::TakeClockSelector(const USB_COMMON_DESCRIPTOR* descr
                  descriptor->bLength);
         return;
     }
-    // What is printed as bmControls is the first source ID; tools that read the trace know it so.
+    // What is printed as bmControls is the first source ID.
     DbgPrint("descriptor - CS_INTERFACE/CLOCK_SELECTOR - bClockID = %d bNrInPins = %d bmControls "
              "= 0x%02x\n",
              selector->bClockID, selector->bNrInPins, selector->baCSourceID1);
@@ -415,7 +415,7 @@ NTSTATUS AudioControlInterface::updateClockSourceStatus(UCHAR clockID) {
                  "AudioControlInterface::updateClockSourceStatus");
         return STATUS_INVALID_PARAMETER;
     }
-    // Devices refresh their clock's state when asked for its frequency; the value is not needed.
+    // The frequency is asked for first; its value is not needed.
     ULONG rate = 0;
     getCurRequest(LowerDevice(), Entity(clockID, kSamplingFrequencyControl), &rate, sizeof(rate));
     UCHAR valid = 0; // stays so when the request fails

@@ -140,7 +140,7 @@ NTSTATUS UsbAudioDevice::StartAudio() {
     return STATUS_SUCCESS;
 }
 
-// One product's clock only runs right after it has been at 96000 Hz once. The device may refuse:
+// One product's clock is taken to 96000 Hz once before it is used. The device may refuse:
 // what is checked afterwards is, deliberately, the enumeration's status.
 void UsbAudioDevice::PrimeClock(NTSTATUS enumerated) {
     constexpr char kFunction[] = "UsbAudioDevice::PostStart";
@@ -170,8 +170,7 @@ ULONG UsbAudioDevice::RestoreSampleRate(ULONG deviceRate) {
     return saved;
 }
 
-// A first run may still find the bus and the processor's caches cold: its result only says whether
-// anything could be measured, and the second run's counts.
+// The result of a first run only says whether anything could be measured; the second run's counts.
 void UsbAudioDevice::MeasureUrbSizeMin() {
     if (UsbAudioStream* const output = GetAudioStream(false)) {
         m_UrbSizeMin = 1;

@@ -15,9 +15,7 @@ public:
     USHORT GetMaximumPacketSize() const { return m_PipeInfo.MaximumPacketSize; } // bytes
     UCHAR GetEndpointAddress() const { return m_PipeInfo.EndpointAddress; }
     bool IsInput() const { return (m_PipeInfo.EndpointAddress & 0x80) != 0; }
-    USBD_PIPE_TYPE GetPipeType() const { return m_PipeInfo.PipeType; }
     USBD_PIPE_HANDLE GetPipeHandle() const { return m_PipeInfo.PipeHandle; }
-    CUsbInterface* GetInterface() const { return m_Interface; }
 
     // An endpoint descriptor of the setting, for what all endpoints of a setting share; null when
     // there is none. Only for the first pipe is it surely the pipe's own.
