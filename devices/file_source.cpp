@@ -95,9 +95,10 @@ std::size_t FileSource::readSome(std::size_t frames) {
 void FileSource::fill(std::span<std::byte> frames) {
     const unsigned channels = std::min<unsigned>(m_channels, m_format.channels);
     const std::uint32_t mask = converterMask(m_format);
+    const std::size_t frameBytes = m_format.frameBytes();
     std::ranges::fill(frames, std::byte{0});
     while (!frames.empty()) {
-        const std::size_t read = readSome(frames.size() / m_format.frameBytes());
+        const std::size_t read = readSome(frames.size() / frameBytes);
         if (read == 0) {
             return;
         }
@@ -105,12 +106,12 @@ void FileSource::fill(std::span<std::byte> frames) {
             for (unsigned channel = 0; channel < channels; ++channel) {
                 const auto sample =
                     static_cast<std::uint32_t>(m_samples[frame * m_channels + channel]);
-                putSample(&frames[frame * m_format.frameBytes() +
-                                  std::size_t{channel} * m_format.subslotBytes],
-                          sample & mask, m_format.subslotBytes);
+                putSample(
+                    &frames[frame * frameBytes + std::size_t{channel} * m_format.subslotBytes],
+                    sample & mask, m_format.subslotBytes);
             }
         }
-        frames = frames.subspan(read * m_format.frameBytes());
+        frames = frames.subspan(read * frameBytes);
     }
 }
 

@@ -27,6 +27,9 @@ void LoopbackSource::hear(const AudioFormat& format, std::uint64_t position,
         m_ring.assign(static_cast<std::size_t>(m_frames) * format.frameBytes(), std::byte{0});
         m_begin = m_end = position;
     }
+    if (m_frames == 0) {
+        return;
+    }
     if (position < m_end || position - m_end >= m_frames) { // begun anew, or a clock of its own
         m_begin = m_end = position;
     }

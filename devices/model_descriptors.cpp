@@ -192,19 +192,20 @@ std::vector<std::byte> interfaceDescriptors(const Layout& layout) {
     return write.finish();
 }
 
+// Product 0x0002 is left out: it is one whose clock the driver primes at the start.
 constexpr Layout kStereoOut{.product = 0x0001,
                             .name = "Stereo Out",
                             .outputs = 2,
                             .inputs = 0,
                             .mostRate = 192'000,
                             .externalClock = false};
-constexpr Layout kInputOnly{.product = 0x0002,
+constexpr Layout kInputOnly{.product = 0x0003,
                             .name = "Stereo In",
                             .outputs = 0,
                             .inputs = 2,
                             .mostRate = 192'000,
                             .externalClock = false};
-constexpr Layout kDuplex{.product = 0x0003,
+constexpr Layout kDuplex{.product = 0x0004,
                          .name = "Duplex",
                          .outputs = 2,
                          .inputs = 2,
@@ -213,7 +214,7 @@ constexpr Layout kDuplex{.product = 0x0003,
 // 96 kHz is what 32 channels can have: 13 frames of 128 bytes are 1664 a microframe, in two
 // transactions; 192 kHz would be 3200, and three transactions carry 3072. Both directions together
 // take 33 of the 48 kilobits that periodic transfers may have of a microframe.
-constexpr Layout kLarge{.product = 0x0004,
+constexpr Layout kLarge{.product = 0x0005,
                         .name = "Large",
                         .outputs = 32,
                         .inputs = 32,

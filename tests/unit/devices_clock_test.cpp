@@ -1,6 +1,7 @@
 // A device's time: sample clock, feedback report, FIFO, recording.
 
 #include "devices/error.h"
+#include "devices/lock_schedule.h"
 #include "devices/output_converter.h"
 #include "devices/sample_clock.h"
 #include "devices/wav_sink.h"
@@ -50,6 +51,130 @@ TEST(SampleClock, GoesOnFromWhereARateEnded) {
     EXPECT_EQ(clock.position(kSecond), 48000U);
     clock.setRate(96000);
     EXPECT_EQ(clock.position(2 * kSecond), 48000U + 96000U);
+}
+
+// Whatever the steps in which it is asked, a swing whose middle is 0 leaves an hour as it is.
+TEST(SampleClock, SwingsDeterministically) {
+    struct Case {
+        const char* drift;
+        std::uint32_t rate;
+        std::uint64_t framesPerHour; // rounded down
+    };
+    const Case cases[] = {
+        {"-300..300/20s", 48000, 172'800'000},    {"300..-300/20s", 44100, 158'760'000},
+        {"0..200/7.2s", 192000, 691'269'120},     // 100 ppm in the mean
+        {"-300..300/7200s", 48000, 172'800'000},  // up only
+        {"-300..300/14400s", 48000, 172'774'080}, // half the way up: -150 ppm in the mean
+    };
+    for (const Case& testCase : cases) {
+        SCOPED_TRACE(testCase.drift);
+        const DriftSchedule drift = DriftSchedule::parse(testCase.drift);
+        SampleClock whole(testCase.rate, drift);
+        SampleClock stepped(testCase.rate, drift);
+        EXPECT_EQ(whole.position(3600 * kSecond), testCase.framesPerHour);
+        for (std::uint64_t microframe = 0; microframe < 3600 * kSecond; microframe += 1009) {
+            stepped.position(microframe);
+        }
+        EXPECT_EQ(stepped.position(3600 * kSecond), testCase.framesPerHour);
+    }
+}
+
+TEST(DriftSchedule, IsReadAndFollowed) {
+    struct Case {
+        const char* text;
+        const char* readBack;
+        double seconds, ppm; // there and then
+        double within;       // ppm of a step of 8 ms
+    };
+    const Case cases[] = {
+        {"150", "150", 1000, 150, 0},
+        {"+0.5", "0.5", 0, 0.5, 0},
+        {"-12.5", "-12.5", 3, -12.5, 0},
+        {"-300..300/20s", "-300..300/20s", 0, -300, 0.48},
+        {"-300..300/20s", "-300..300/20s", 5, 0, 0.48},
+        {"-300..300/20s", "-300..300/20s", 10, 300, 0.48},
+        {"-300..300/20s", "-300..300/20s", 3617.5, -150, 0.48},
+        {"100..-100/0.5s", "100..-100/0.5s", 100.25, -100, 6.4},
+    };
+    for (const Case& testCase : cases) {
+        SCOPED_TRACE(testCase.text);
+        const DriftSchedule drift = DriftSchedule::parse(testCase.text);
+        EXPECT_EQ(drift.text(), testCase.readBack);
+        const auto microframe = static_cast<std::uint64_t>(testCase.seconds * kSecond);
+        EXPECT_NEAR(static_cast<double>(drift.partsPerBillion(microframe)) / 1000, testCase.ppm,
+                    testCase.within);
+    }
+}
+
+TEST(Schedules, RefuseWhatTheyCannotFollow) {
+    struct Case {
+        const char* text;
+        const char* reason; // part of the message
+    };
+    const Case drifts[] = {
+        {"", "\"\": is no clock drift: expected parts per million like \"150\""},
+        {"fast", "\"fast\": is no clock drift"},
+        {"1e", "is no clock drift"},
+        {"nan", "is no clock drift"},
+        {"+-3", "is no clock drift"},
+        {"150 ppm", "is no clock drift"},
+        {"1..2", "is no clock drift"},
+        {"1..2/20", "is no clock drift"},
+        {"..2/20s", "is no clock drift"},
+        {"1../20s", "is no clock drift"},
+        {"1..2/s", "is no clock drift"},
+        {"200000", "a clock 200000 ppm off: expected -100000 to 100000"},
+        {"0..1e9/20s", "a clock 1000000000 ppm off"},
+        {"1..2/0s", "a drift that swings in 0 s: expected 0.1 to 86400 s"},
+        {"1..2/-1s", "swings in -1 s"},
+        {"1..2/86401s", "swings in 86401 s"},
+    };
+    const Case locks[] = {
+        {"5", "\"5\": tells not when a lock is lost: expected seconds like \"5..8\""},
+        {"..8", "tells not when"},
+        {"-1..8", "tells not when"},
+        {"5..8,", "tells not when"},
+        {"5..8s", "tells not when"},
+        {"8..5", "loses its lock before it has found it"},
+        {"5..8,8..9", "loses its lock before it has found it"},
+        {"5..,8..9", "loses its lock before it has found it"},
+    };
+    const auto expectRefused = [](const Case& testCase, auto parse) {
+        SCOPED_TRACE(testCase.text);
+        try {
+            parse(testCase.text);
+            ADD_FAILURE() << "accepted";
+        } catch (const DeviceError& error) {
+            EXPECT_NE(std::string(error.what()).find(testCase.reason), std::string::npos)
+                << error.what();
+        }
+    };
+    for (const Case& testCase : drifts) {
+        expectRefused(testCase, DriftSchedule::parse);
+    }
+    for (const Case& testCase : locks) {
+        expectRefused(testCase, LockSchedule::parse);
+    }
+}
+
+TEST(LockSchedule, TellsTheNextChange) {
+    const LockSchedule schedule = LockSchedule::parse("0..2,5..8.5,12..");
+    struct Case {
+        double seconds;
+        bool locked;
+        double next; // seconds; 0: never
+    };
+    for (const Case& testCase : {Case{0, false, 2}, Case{2, true, 5}, Case{4.999, true, 5},
+                                 Case{5, false, 8.5}, Case{8.5, true, 12}, Case{12, false, 0}}) {
+        SCOPED_TRACE(testCase.seconds);
+        const auto microframe = static_cast<std::uint64_t>(testCase.seconds * kSecond);
+        EXPECT_EQ(schedule.isLocked(microframe), testCase.locked);
+        EXPECT_EQ(schedule.nextChange(microframe),
+                  testCase.next == 0 ? LockSchedule::kNever
+                                     : static_cast<std::uint64_t>(testCase.next * kSecond));
+    }
+    EXPECT_TRUE(LockSchedule::parse("").isLocked(0));
+    EXPECT_EQ(LockSchedule::parse("").nextChange(0), LockSchedule::kNever);
 }
 
 TEST(SampleClock, Feedback) {

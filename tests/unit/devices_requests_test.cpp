@@ -1,6 +1,6 @@
 // What a simulated interface answers on its default pipe and its other endpoints.
 
-#include "devices/models.h"
+#include "tests/unit/devices_plugged.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -14,58 +14,16 @@
 namespace kelvane::devices {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using Bytes = Plugged::Bytes;
 
-class Requests : public testing::Test, public DeviceHost {
+class Requests : public testing::Test, public Plugged {
 protected:
     void use(const std::string& name, const DeviceOptions& options = {}) {
         m_device = makeDevice(name, options);
-        m_device->attach(this);
-    }
-    void configure() { ASSERT_TRUE(send(0x00, 9, 1, 0)); }
-
-    void endpointReady(std::uint8_t endpoint) override { m_ready.push_back(endpoint); }
-
-    // The bytes that came back, or nothing for a stall.
-    std::optional<Bytes> get(std::uint8_t type, std::uint8_t request, unsigned value,
-                             unsigned index, unsigned length) {
-        std::vector<std::byte> data(length);
-        const ControlReply reply =
-            m_device->control(setup(type, request, value, index, length), m_microframe++, data);
-        if (reply.stalled) {
-            return std::nullopt;
-        }
-        EXPECT_GT(reply.microframes, 0U);
-        Bytes bytes(reply.length);
-        std::ranges::transform(
-            std::span(data).first(reply.length), bytes.begin(),
-            [](std::byte value) { return std::to_integer<std::uint8_t>(value); });
-        return bytes;
-    }
-    bool send(std::uint8_t type, std::uint8_t request, unsigned value, unsigned index,
-              const Bytes& bytes = {}) {
-        std::vector<std::byte> data;
-        for (const std::uint8_t value : bytes) {
-            data.push_back(std::byte{value});
-        }
-        return !m_device
-                    ->control(
-                        setup(type, request, value, index, static_cast<unsigned>(bytes.size())),
-                        m_microframe++, data)
-                    .stalled;
-    }
-    static SetupPacket setup(std::uint8_t type, std::uint8_t request, unsigned value,
-                             unsigned index, unsigned length) {
-        return {.bmRequestType = type,
-                .bRequest = request,
-                .wValue = static_cast<std::uint16_t>(value),
-                .wIndex = static_cast<std::uint16_t>(index),
-                .wLength = static_cast<std::uint16_t>(length)};
+        plug(m_device);
     }
 
     std::shared_ptr<SimulatedInterface> m_device;
-    std::uint64_t m_microframe = 0;
-    std::vector<std::uint8_t> m_ready;
 };
 
 TEST_F(Requests, StandardReads) {
@@ -112,7 +70,7 @@ TEST_F(Requests, StandardReads) {
 TEST_F(Requests, SettingsAndHalts) {
     use("stereo-out");
     EXPECT_FALSE(send(0x00, 9, 2, 0)) << "no configuration 2";
-    configure();
+    ASSERT_TRUE(configure());
     EXPECT_TRUE(send(0x01, 11, 1, 1));
     EXPECT_EQ(get(0x81, 10, 0, 1, 1), (Bytes{1}));
     EXPECT_EQ(m_device->currentSetting(1), 1);
@@ -136,7 +94,7 @@ TEST_F(Requests, SettingsAndHalts) {
 
 TEST_F(Requests, ClockSource) {
     use("stereo-out");
-    configure();
+    ASSERT_TRUE(configure());
     const Bytes range = *get(0xA1, 2, 0x0100, 0x2900, 194);
     ASSERT_EQ(range.size(), 2U + 6 * 12);
     EXPECT_EQ(range[0], 6);
@@ -175,19 +133,9 @@ TEST_F(Requests, ClockSource) {
 
 TEST_F(Requests, InterruptTellsOfClockChanges) {
     use("stereo-out");
-    configure();
-    std::array<std::byte, 6> packet{};
-    const auto message = [&]() -> Bytes {
-        const Handshake answer = m_device->in(0x83, m_microframe, packet);
-        if (answer.kind != Handshake::Kind::Ack) {
-            EXPECT_EQ(answer.askAgain, Handshake::kUntilReady);
-            return {};
-        }
-        Bytes bytes(answer.length);
-        std::memcpy(bytes.data(), packet.data(), bytes.size());
-        return bytes;
-    };
+    ASSERT_TRUE(configure());
     EXPECT_EQ(message(), Bytes{});
+    EXPECT_EQ(m_handshake.askAgain, Handshake::kUntilReady);
     EXPECT_TRUE(send(0x21, 1, 0x0100, 0x2900, {0x80, 0xBB, 0, 0})); // 48000 already
     EXPECT_EQ(message(), Bytes{}) << "nothing changed";
     EXPECT_TRUE(m_ready.empty());
@@ -207,7 +155,7 @@ TEST_F(Requests, InterruptTellsOfClockChanges) {
 TEST_F(Requests, StreamingFollowsTheSetting) {
     auto sink = std::make_shared<BufferSink>();
     use("stereo-out", {.ppm = 200, .sink = sink});
-    configure();
+    ASSERT_TRUE(configure());
     const std::vector<std::byte> packet(6 * 8, std::byte{7});
     std::array<std::byte, 4> report{};
     m_device->isochronousOut(0x01, m_microframe, packet);
@@ -252,7 +200,7 @@ TEST_F(Requests, SelectorsAndFeatures) {
                static_cast<std::streamsize>(bytes.size()));
     use(path);
     std::remove(path.c_str());
-    configure();
+    ASSERT_TRUE(configure());
     EXPECT_EQ((*get(0x80, 6, 0x0302, 0x0409, 255))[0], 2 + 2 * 19) << "Interface 1397:0507";
 
     struct Case {
