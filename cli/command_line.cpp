@@ -71,11 +71,6 @@ void addDeviceOptions(CLI::App& command, client::SystemOptions& options, bool po
                     "a swing, as in -300..300/20s")
         ->type_name("PPM")
         ->check(readBy(client::checkDrift));
-    command
-        .add_option("--lock-loss", options.lock,
-                    "When the device's external clock is without signal, in seconds: 5..8,20..")
-        ->type_name("FROM..TO")
-        ->check(readBy(client::checkLock));
 }
 
 CLI::Option* addTrace(CLI::App& command, std::string& trace) {

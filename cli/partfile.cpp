@@ -16,11 +16,13 @@ namespace {
     throw client::InputError(fmt::format("{}: can't be written: {}", path, reason));
 }
 
+// Files that don't exist yet are the same when their names lead to one place.
 bool sameFile(const std::string& one, const std::string& other) {
     std::error_code error;
-    const auto first = std::filesystem::weakly_canonical(one, error);
-    return std::filesystem::equivalent(one, other, error) ||
-           first == std::filesystem::weakly_canonical(other, error);
+    const auto place = [&](const std::string& path) {
+        return std::filesystem::weakly_canonical(std::filesystem::absolute(path), error);
+    };
+    return std::filesystem::equivalent(one, other, error) || place(one) == place(other);
 }
 
 } // namespace

@@ -28,8 +28,7 @@ private:
 class Runner {
 public:
     Runner(const Transport& transport, Session& session)
-        : m_transport(transport), m_session(session), m_playback(transport.playback),
-          m_recording(transport.recording) {}
+        : m_session(session), m_playback(transport.playback), m_recording(transport.recording) {}
 
     void start();
     bool ended() const;
@@ -42,7 +41,6 @@ public:
 private:
     void feed();
 
-    const Transport& m_transport;
     Session& m_session;
     Playback* m_playback;
     Recording* m_recording;

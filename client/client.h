@@ -65,9 +65,8 @@ struct SystemOptions {
     std::function<void(const std::string&)> breaches; // a broken kernel rule; empty: abort
 };
 
-// Whether `SystemOptions::drift` and `lock` can be read. Throw InputError.
+// Whether `SystemOptions::drift` can be read. Throws InputError, which says what is wrong.
 void checkDrift(const std::string& text);
-void checkLock(const std::string& text);
 
 struct ModelInfo {
     std::string name;

@@ -2,30 +2,15 @@
 
 #include "devices/drift_schedule.h"
 #include "devices/error.h"
-#include "devices/lock_schedule.h"
 #include "devices/models.h"
 
 namespace kelvane::client {
-namespace {
-
-// Its texts say what is wrong and what would be right.
-template <class Parse>
-void check(Parse parse) {
+void checkDrift(const std::string& text) {
     try {
-        parse();
+        devices::DriftSchedule::parse(text);
     } catch (const devices::DeviceError& error) {
         throw InputError(error.what());
     }
-}
-
-} // namespace
-
-void checkDrift(const std::string& text) {
-    check([&] { devices::DriftSchedule::parse(text); });
-}
-
-void checkLock(const std::string& text) {
-    check([&] { devices::LockSchedule::parse(text); });
 }
 
 std::vector<ModelInfo> builtInModels() {

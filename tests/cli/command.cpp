@@ -1,10 +1,12 @@
 #include "tests/cli/command.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #include <fcntl.h>
 #include <regex.h>
@@ -22,12 +24,6 @@ std::filesystem::path makeFolder() {
     return name;
 }
 
-std::string contents(const std::filesystem::path& path) {
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
 void redirect(const std::filesystem::path& path, int descriptor) {
     const int file = open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0666);
     dup2(file, descriptor);
@@ -35,6 +31,12 @@ void redirect(const std::filesystem::path& path, int descriptor) {
 }
 
 } // namespace
+
+std::string contents(const std::filesystem::path& path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
 
 bool matches(const std::string& text, const std::string& pattern) {
     regex_t compiled;
@@ -108,6 +110,20 @@ pid_t Workplace::start(const std::vector<std::string>& arguments,
         _exit(127);
     }
     return process;
+}
+
+bool Workplace::waitForPart(std::uintmax_t bytes) const {
+    for (int i = 0; i < 3000; ++i) {
+        std::uintmax_t written = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(m_folder)) {
+            written += entry.path().extension() == ".part" ? entry.file_size() : 0;
+        }
+        if (written >= bytes) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
 }
 
 Result Workplace::finish(pid_t process) const {

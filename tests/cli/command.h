@@ -1,6 +1,7 @@
 // Runs the built `kelvane` command as a person would, in a folder of its own.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -17,6 +18,9 @@ struct Result {
 
 // Whether the text has a match of a POSIX extended regular expression.
 bool matches(const std::string& text, const std::string& pattern);
+
+// Of a file, as bytes.
+std::string contents(const std::filesystem::path& path);
 
 // A folder that goes with the object; commands run in it.
 class Workplace {
@@ -37,6 +41,8 @@ public:
     pid_t start(const std::vector<std::string>& arguments) const;
     pid_t start(const std::vector<std::string>& arguments, const std::string& errorFile) const;
     Result finish(pid_t process) const;
+    // Until a file that is being written has so many bytes; false when none came that far in 30 s.
+    bool waitForPart(std::uintmax_t bytes) const;
 
 private:
     std::filesystem::path m_folder;

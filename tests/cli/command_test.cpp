@@ -1,111 +1,23 @@
 // The `kelvane` command over good and bad input: what it prints, how it ends, what it leaves
 // behind.
 #include "tests/cli/command.h"
+#include "tests/cli/sound.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sndfile.h>
 
 #include <algorithm>
-#include <chrono>
 #include <climits>
 #include <cmath>
 #include <csignal>
-#include <cstring>
 #include <fstream>
-#include <random>
-#include <thread>
 
 namespace kelvane::test {
 namespace {
 
 using Json = nlohmann::json;
 using Names = std::vector<std::string>;
-
-struct Sound {
-    SF_INFO info{};
-    std::vector<int> samples; // left-justified in 32 bits, interleaved
-};
-
-Sound readSound(const std::filesystem::path& path) {
-    Sound sound;
-    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &sound.info);
-    if (file == nullptr) {
-        ADD_FAILURE() << path << ": " << sf_strerror(nullptr);
-        return sound;
-    }
-    sound.samples.resize(static_cast<std::size_t>(sound.info.frames * sound.info.channels));
-    sf_readf_int(file, sound.samples.data(), sound.info.frames);
-    sf_close(file);
-    return sound;
-}
-
-void writeSound(const std::filesystem::path& path, int format, int rate, int channels,
-                const std::vector<int>& samples) {
-    SF_INFO info{};
-    info.format = format;
-    info.samplerate = rate;
-    info.channels = channels;
-    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
-    ASSERT_NE(file, nullptr) << sf_strerror(nullptr);
-    const auto frames = static_cast<sf_count_t>(samples.size()) / channels;
-    if ((format & SF_FORMAT_SUBMASK) == SF_FORMAT_FLOAT) {
-        std::vector<float> scaled; // 24 bits fit exactly
-        std::transform(samples.begin(), samples.end(), std::back_inserter(scaled),
-                       [](int sample) { return std::ldexp(static_cast<float>(sample), -31); });
-        sf_writef_float(file, scaled.data(), frames);
-    } else {
-        sf_writef_int(file, samples.data(), frames);
-    }
-    sf_close(file);
-}
-
-// Noise of so many bits that starts with something to be heard.
-std::vector<int> makeNoise(std::size_t count, int bits) {
-    std::mt19937 random(1);
-    std::vector<int> samples(count);
-    for (int& sample : samples) {
-        sample = static_cast<int>(random() & (~0U << (32 - bits)));
-    }
-    std::fill_n(samples.begin(), std::min<std::size_t>(count, 8), INT_MIN); // full scale
-    return samples;
-}
-
-void writeText(const std::filesystem::path& path, const std::string& text) {
-    std::ofstream file(path, std::ios::binary);
-    file << text;
-}
-
-// A WAV file byte by byte, so that it can be wrong.
-struct RawWav {
-    std::uint32_t rate = 48000;
-    std::size_t dataBytes = 400;
-    std::uint32_t declaredBytes = 400;
-    std::size_t cutTo = SIZE_MAX;
-};
-
-void writeRaw(const std::filesystem::path& path, const RawWav& wav) {
-    std::string bytes;
-    const auto put = [&](std::uint32_t value, int size) {
-        for (int i = 0; i < size; ++i) {
-            bytes += static_cast<char>(value >> (8 * i));
-        }
-    };
-    bytes += "RIFF";
-    put(static_cast<std::uint32_t>(36 + wav.dataBytes), 4);
-    bytes += "WAVEfmt ";
-    put(16, 4);
-    put(1, 2); // PCM
-    put(2, 2); // channels
-    put(wav.rate, 4);
-    put(wav.rate * 4, 4);
-    put(4, 2);
-    put(16, 2);
-    bytes += "data";
-    put(wav.declaredBytes, 4);
-    bytes.append(wav.dataBytes, '\x11');
-    writeText(path, bytes.substr(0, wav.cutTo));
-}
 
 struct Good {
     const char* name;
@@ -124,9 +36,7 @@ void expectHeard(const std::vector<int>& samples, int channels, int rate, const 
     };
     ASSERT_EQ(heard.info.channels, 2);
     ASSERT_EQ(heard.info.samplerate, rate);
-    const auto first = static_cast<std::size_t>(
-        std::find_if(heard.samples.begin(), heard.samples.end(), [](int s) { return s != 0; }) -
-        heard.samples.begin());
+    const std::size_t first = firstSound(heard.samples);
     ASSERT_EQ(first % 2, 0U) << "the sides are swapped";
     const std::size_t frames = samples.size() / perFrame;
     ASSERT_GE(heard.samples.size(), first + 2 * frames);
@@ -387,30 +297,10 @@ TEST(Play, DrawsAProgressBarOnATerminalAndTakesItAway) {
 // Longer than any run of the test takes.
 TEST(Play, StopsCleanlyOnCtrlC) {
     const Workplace place;
-    SF_INFO info{};
-    info.format = SF_FORMAT_FLAC | SF_FORMAT_PCM_16;
-    info.samplerate = 48000;
-    info.channels = 2;
-    SNDFILE* file = sf_open(place.path("long.flac").c_str(), SFM_WRITE, &info);
-    ASSERT_NE(file, nullptr);
-    const std::vector<int> second(std::size_t{2} * 48000, 1 << 20);
-    for (int i = 0; i < 1200; ++i) {
-        sf_writef_int(file, second.data(), 48000);
-    }
-    sf_close(file);
+    writeLongSound(place.path("long.flac"), 1200);
     const pid_t process =
         place.start({"play", "long.flac", "--device-output", "heard.wav", "--json"});
-    // The part that is written grows once the stream runs.
-    const auto partBytes = [&] {
-        std::uintmax_t bytes = 0;
-        for (const auto& entry : std::filesystem::directory_iterator(place.folder())) {
-            bytes += entry.path().extension() == ".part" ? entry.file_size() : 0;
-        }
-        return bytes;
-    };
-    for (int i = 0; i < 3000 && partBytes() < 1'000'000; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    ASSERT_TRUE(place.waitForPart(1'000'000));
     kill(process, SIGINT);
     const Result result = place.finish(process);
     ASSERT_EQ(result.status, 128 + SIGINT) << result.err;
