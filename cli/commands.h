@@ -17,7 +17,7 @@ constexpr int kExitUsage = 2;
 // What the subcommands that stream have in common.
 struct StreamOptions {
     std::string trace;                    // as TraceLog takes it
-    std::uint32_t rate = 0;               // Hz; 0: as the file, or as near as the device has it
+    std::optional<std::uint32_t> rate;    // Hz; none: as the file, or as near as the device has it
     std::optional<std::int64_t> transfer; // 1 ms bus frames; none: as the driver has it
     bool json = false;
     client::SystemOptions system;

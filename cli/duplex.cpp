@@ -9,18 +9,12 @@
 #include "cli/wavwriter.h"
 
 namespace kelvane::cli {
-namespace {
-
-void checkFiles(const DuplexOptions& options) {
-    const std::string source = sourceFile(options.system.input);
-    checkOutput(options.recording, {options.file, source, options.system.outputFile});
-    checkOutput(options.system.outputFile, {options.file, source});
-}
-
-} // namespace
 
 int duplex(const DuplexOptions& options) {
-    checkFiles(options);
+    RunFiles files = filesOf(options);
+    files.read.push_back(options.file);
+    files.written.push_back(options.recording);
+    checkFiles(files);
     AudioFile played(options.file);
     PartFile part(options.recording);
     TraceLog trace(options.trace);

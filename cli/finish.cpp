@@ -12,6 +12,13 @@
 namespace kelvane::cli {
 namespace {
 
+// The file among what an interface's input can hear; empty when it hears none.
+std::string sourceFile(const std::string& input) {
+    const std::string path = input.starts_with("loop:") ? input.substr(5) : input;
+    std::error_code error;
+    return std::filesystem::is_regular_file(path, error) ? path : std::string();
+}
+
 template <class... Columns>
 int print(const StreamOptions& options, const auto& report, Columns... columns) {
     fmt::print("{}{}", options.json ? reportJson(report) : reportText(report, columns...),
@@ -68,10 +75,10 @@ bool wasInterrupted() {
     return Interrupt::signal() != 0;
 }
 
-std::string sourceFile(const std::string& input) {
-    const std::string path = input.starts_with("loop:") ? input.substr(5) : input;
-    std::error_code error;
-    return std::filesystem::is_regular_file(path, error) ? path : std::string();
+RunFiles filesOf(const StreamOptions& options) {
+    return {.read = {options.system.device, sourceFile(options.system.input)},
+            .written = {options.system.outputFile},
+            .trace = options.trace};
 }
 
 } // namespace kelvane::cli

@@ -27,7 +27,7 @@ int printReport(const StreamOptions& options, const LoopbackReport& report);
 // Whether Ctrl-C ended the last run.
 bool wasInterrupted();
 
-// The file among what an interface's input can hear; empty when it hears none.
-std::string sourceFile(const std::string& input);
+// The files that these options name.
+RunFiles filesOf(const StreamOptions& options);
 
 } // namespace kelvane::cli

@@ -7,6 +7,7 @@ namespace kelvane::cli {
 namespace {
 
 std::atomic<int> s_signal{0};
+int s_alive = 0; // Interrupts; on one thread
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler may not lock");
 
 void note(int signal) {
@@ -16,6 +17,9 @@ void note(int signal) {
 } // namespace
 
 Interrupt::Interrupt() {
+    if (s_alive++ != 0) {
+        return;
+    }
     s_signal = 0;
     struct sigaction action {};
     action.sa_handler = note;
@@ -25,6 +29,9 @@ Interrupt::Interrupt() {
 }
 
 Interrupt::~Interrupt() {
+    if (--s_alive != 0) {
+        return;
+    }
     std::signal(SIGINT, SIG_DFL);
     std::signal(SIGTERM, SIG_DFL);
 }

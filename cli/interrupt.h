@@ -3,7 +3,7 @@
 
 namespace kelvane::cli {
 
-// While one of these lives, SIGINT and SIGTERM only set a flag.
+// While one of these lives, SIGINT and SIGTERM only set a flag, which the outermost one clears.
 class Interrupt {
 public:
     Interrupt();

@@ -195,7 +195,9 @@ std::vector<std::int64_t> sizesToMeasure(const LoopbackOptions& options) {
 
 int loopback(const LoopbackOptions& options) {
     const std::vector<std::int64_t> sizes = sizesToMeasure(options);
-    checkOutput(options.plot, {sourceFile(options.system.input)});
+    RunFiles files = filesOf(options);
+    files.written.push_back(options.plot);
+    checkFiles(files);
     std::optional<PartFile> plot;
     if (!options.plot.empty()) {
         plot.emplace(options.plot);

@@ -1,6 +1,7 @@
 #include "cli/partfile.h"
 
 #include "client/client.h"
+#include "devices/part_file.h"
 
 #include <fmt/format.h>
 
@@ -27,42 +28,51 @@ bool sameFile(const std::string& one, const std::string& other) {
 
 } // namespace
 
-void checkOutput(const std::string& path, const std::vector<std::string>& others) {
-    if (path.empty()) {
-        return;
-    }
-    std::error_code error;
-    const auto status = std::filesystem::status(path, error);
-    if (std::filesystem::is_directory(status)) {
-        refuse(path, "is a directory");
-    }
-    if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
-        refuse(path, "is no regular file");
-    }
-    for (const std::string& other : others) {
-        if (!other.empty() && sameFile(path, other)) {
-            refuse(path, fmt::format("this run has another use for {}", other));
+void checkFiles(const RunFiles& files) {
+    std::vector<std::string> met = files.read;
+    const auto meet = [&met](const std::string& path) {
+        for (const std::string& other : met) {
+            if (!other.empty() && sameFile(path, other)) {
+                refuse(path, fmt::format("this run has another use for {}", other));
+            }
         }
+        met.push_back(path);
+    };
+    for (const std::string& path : files.written) {
+        if (path.empty()) {
+            continue;
+        }
+        std::error_code error;
+        const auto status = std::filesystem::status(path, error);
+        if (std::filesystem::is_directory(status)) {
+            refuse(path, "is a directory");
+        }
+        if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+            refuse(path, "is no regular file");
+        }
+        meet(path);
+    }
+    if (!files.trace.empty() && files.trace != "-") {
+        meet(files.trace);
     }
 }
 
-PartFile::PartFile(std::string path) : m_path(std::move(path)) {
-    std::FILE* probe = std::fopen(partPath().c_str(), "wbe");
-    if (probe == nullptr) {
+PartFile::PartFile(std::string path)
+    : m_path(devices::linkTarget(path)), m_part(devices::makePartFile(m_path)) {
+    if (m_part.empty()) {
         fail(std::strerror(errno));
     }
-    std::fclose(probe);
 }
 
 PartFile::~PartFile() {
     if (!m_kept) {
         std::error_code ignored;
-        std::filesystem::remove(partPath(), ignored);
+        std::filesystem::remove(m_part, ignored);
     }
 }
 
 void PartFile::keep() {
-    if (std::rename(partPath().c_str(), m_path.c_str()) != 0) {
+    if (std::rename(m_part.c_str(), m_path.c_str()) != 0) {
         fail(std::strerror(errno));
     }
     m_kept = true;

@@ -6,9 +6,15 @@
 
 namespace kelvane::cli {
 
-// Whether something may be written under a name: a regular file, or none yet, may be replaced; one
-// of `others` (files of the same run; empty names are none) may not. Throws InputError.
-void checkOutput(const std::string& path, const std::vector<std::string>& others);
+// The files that one run reads and writes. Empty names are none.
+struct RunFiles {
+    std::vector<std::string> read;
+    std::vector<std::string> written;
+    std::string trace; // as TraceLog takes it
+};
+// Before any of them is opened: a regular file, or none yet, may be replaced; a file that the run
+// has another use for may not. Throws InputError.
+void checkFiles(const RunFiles& files);
 
 class PartFile {
 public:
@@ -19,13 +25,14 @@ public:
     PartFile& operator=(const PartFile&) = delete;
 
     const std::string& path() const { return m_path; } // its name once it is whole
-    std::string partPath() const { return m_path + ".part"; }
+    const std::string& partPath() const { return m_part; }
     // Gives it its name. Throws InputError.
     void keep();
     [[noreturn]] void fail(const std::string& reason) const;
 
 private:
     std::string m_path;
+    std::string m_part;
     bool m_kept = false;
 };
 

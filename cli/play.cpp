@@ -10,7 +10,9 @@
 namespace kelvane::cli {
 
 int play(const PlayOptions& options) {
-    checkOutput(options.system.outputFile, {options.file});
+    RunFiles files = filesOf(options);
+    files.read.push_back(options.file);
+    checkFiles(files);
     AudioFile file(options.file);
     TraceLog trace(options.trace);
     Session session(options, trace);

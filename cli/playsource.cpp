@@ -79,7 +79,8 @@ PlaySource::PlaySource(AudioFile& file, const client::PcmFormat& format)
                                       info.channels, format.channels));
     }
     if (info.rate != format.rate) {
-        m_converter = std::make_unique<RateConverter>(format.channels, info.rate, format.rate);
+        m_converter =
+            std::make_unique<RateConverter>(info.path, format.channels, info.rate, format.rate);
         m_notes.push_back(fmt::format("converted from {} Hz to {} Hz", info.rate, format.rate));
     }
 }

@@ -12,11 +12,13 @@ void RateConverter::Deleter::operator()(SRC_STATE_tag* state) const {
     src_delete(state);
 }
 
-RateConverter::RateConverter(std::uint32_t channels, std::uint32_t fromRate, std::uint32_t toRate)
+RateConverter::RateConverter(const std::string& name, std::uint32_t channels,
+                             std::uint32_t fromRate, std::uint32_t toRate)
     : m_channels(channels), m_ratio(static_cast<double>(toRate) / fromRate) {
     if (src_is_valid_ratio(m_ratio) == 0) {
-        throw client::InputError(fmt::format(
-            "{} Hz can't be converted to {} Hz: at most 256 times up or down", fromRate, toRate));
+        throw client::InputError(
+            fmt::format("{}: {} Hz can't be converted to {} Hz: at most 256 times up or down", name,
+                        fromRate, toRate));
     }
     int error = 0;
     m_state.reset(src_new(SRC_SINC_BEST_QUALITY, static_cast<int>(channels), &error));

@@ -12,8 +12,10 @@ namespace kelvane::cli {
 
 class RateConverter {
 public:
-    // Rates in Hz. Throws InputError when their ratio is more than libsamplerate does (256).
-    RateConverter(std::uint32_t channels, std::uint32_t fromRate, std::uint32_t toRate);
+    // Rates in Hz. Throws InputError, which begins with `name`, when their ratio is more than
+    // libsamplerate does (256).
+    RateConverter(const std::string& name, std::uint32_t channels, std::uint32_t fromRate,
+                  std::uint32_t toRate);
 
     // Converts interleaved, left-justified samples. `last` says that no more will come, and brings
     // out what the filter still holds.

@@ -47,8 +47,9 @@ void checkSeconds(const RecordOptions& options) {
 
 int record(const RecordOptions& options) {
     checkSeconds(options);
-    checkOutput(options.file, {sourceFile(options.system.input), options.system.outputFile});
-    checkOutput(options.system.outputFile, {sourceFile(options.system.input)});
+    RunFiles files = filesOf(options);
+    files.written.push_back(options.file);
+    checkFiles(files);
     PartFile part(options.file);
     TraceLog trace(options.trace);
     Session session(options, trace);

@@ -89,7 +89,7 @@ std::string reportJson(const RunReport& report) {
                        {"packetErrors", report.bus.errors}};
     document["notes"] = report.notes;
     document["warnings"] = warningsJson(report.warnings);
-    return document.dump(2);
+    return document.dump(2, ' ', false, Json::error_handler_t::replace);
 }
 
 std::string reportJson(const LoopbackReport& report) {
@@ -111,7 +111,7 @@ std::string reportJson(const LoopbackReport& report) {
                            {"interrupted", report.interrupted},
                            {"plotFile", pathJson(report.plotFile)},
                            {"warnings", warningsJson(report.warnings)}};
-    return document.dump(2);
+    return document.dump(2, ' ', false, Json::error_handler_t::replace);
 }
 
 } // namespace kelvane::cli

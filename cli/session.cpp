@@ -51,14 +51,14 @@ std::uint32_t Session::chooseRate(std::uint32_t wanted) {
         throw InputError(
             fmt::format("{}: the driver found no sample rate that its clock offers", device()));
     }
-    if (m_options.rate == 0) {
+    if (!m_options.rate) {
         return cli::chooseRate(wanted, rates);
     }
-    if (std::find(rates.begin(), rates.end(), m_options.rate) == rates.end()) {
-        throw InputError(fmt::format("--rate {}: {} offers {} Hz", m_options.rate, device(),
+    if (std::find(rates.begin(), rates.end(), *m_options.rate) == rates.end()) {
+        throw InputError(fmt::format("--rate {}: {} offers {} Hz", *m_options.rate, device(),
                                      fmt::join(rates, ", ")));
     }
-    return m_options.rate;
+    return *m_options.rate;
 }
 
 std::uint16_t Session::outputChannels(std::uint32_t fileChannels) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "cli/commands.h"
+#include "cli/interrupt.h"
 #include "cli/report.h"
 #include "cli/tracelog.h"
 #include "client/client.h"
@@ -50,6 +51,7 @@ public:
     void finish();
 
 private:
+    Interrupt m_interrupt; // from the machine's start on: Ctrl-C leaves nothing half-written
     StreamOptions m_options;
     TraceLog& m_trace;
     std::optional<client::System> m_system; // until finish()

@@ -1,5 +1,6 @@
 #include "cli/commands.h"
 
+#include "cli/partfile.h"
 #include "cli/terminal.h"
 #include "cli/tracelog.h"
 
@@ -186,7 +187,7 @@ std::string showJson(const client::FilterInfo& filter, const std::string& device
                            {"connections", connections},
                            {"clocks", clocks},
                            {"interfaces", interfaces}};
-    return document.dump(2);
+    return document.dump(2, ' ', false, Json::error_handler_t::replace);
 }
 
 std::string showDot(const client::FilterInfo& filter) {
@@ -211,6 +212,7 @@ std::string showDot(const client::FilterInfo& filter) {
 } // namespace
 
 int show(const ShowOptions& options) {
+    checkFiles({.read = {options.system.device}, .written = {}, .trace = options.trace});
     TraceLog trace(options.trace);
     client::SystemOptions machine = options.system;
     machine.trace = trace.sink();

@@ -1,8 +1,10 @@
-// Samples in bus subslots: little-endian, 1 to 4 bytes, left-justified.
+// Samples in bus subslots: little-endian, left-justified. Of a subslot that is longer than 4 bytes
+// the lowest bytes are left out, and written as 0.
 #pragma once
 
 #include "devices/audio_sink.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
@@ -11,14 +13,17 @@ namespace kelvane::devices {
 // Samples on this side are left-justified in 32 bits.
 inline std::uint32_t sampleAt(const std::byte* subslot, std::uint8_t subslotBytes) {
     std::uint32_t sample = 0;
-    for (std::uint8_t i = 0; i < subslotBytes; ++i) {
+    for (int i = std::max(0, subslotBytes - 4); i < subslotBytes; ++i) {
         sample |= std::to_integer<std::uint32_t>(subslot[i]) << (8 * (4 - subslotBytes + i));
     }
     return sample;
 }
 
 inline void putSample(std::byte* subslot, std::uint32_t sample, std::uint8_t subslotBytes) {
-    for (std::uint8_t i = 0; i < subslotBytes; ++i) {
+    for (int i = 0; i < subslotBytes - 4; ++i) {
+        subslot[i] = std::byte{0};
+    }
+    for (int i = std::max(0, subslotBytes - 4); i < subslotBytes; ++i) {
         subslot[i] = static_cast<std::byte>(sample >> (8 * (4 - subslotBytes + i)));
     }
 }

@@ -1,6 +1,7 @@
 #include "devices/wav_sink.h"
 
 #include "devices/error.h"
+#include "devices/part_file.h"
 #include "devices/subslot.h"
 
 #include <fmt/format.h>
@@ -38,17 +39,15 @@ void WavSink::Close::operator()(void* file) const {
     sf_close(static_cast<SNDFILE*>(file));
 }
 
-WavSink::WavSink(std::string path) : m_path(std::move(path)), m_samples(kSamplesPerWrite) {
+WavSink::WavSink(std::string path) : m_path(linkTarget(path)), m_samples(kSamplesPerWrite) {
     if (std::filesystem::is_directory(m_path)) {
         throw DeviceError(
             fmt::format("{}: is a directory, expected the name of a WAV file", m_path));
     }
     // The format is not known before the first stream, but a name that can't be written is.
-    std::FILE* probe = std::fopen(partPath().c_str(), "wb");
-    if (probe == nullptr) {
-        throw DeviceError(fmt::format("{}: can't be written: {}", m_path, std::strerror(errno)));
+    if (!makePart()) {
+        throw DeviceError(m_error);
     }
-    std::fclose(probe);
 }
 
 WavSink::~WavSink() {
@@ -66,8 +65,14 @@ std::string WavSink::finalPath() const {
     return numbered.string();
 }
 
-std::string WavSink::partPath() const {
-    return finalPath() + ".part";
+bool WavSink::makePart() {
+    if (m_part.empty()) {
+        m_part = makePartFile(finalPath());
+        if (m_part.empty()) {
+            fail(std::strerror(errno));
+        }
+    }
+    return !m_part.empty();
 }
 
 void WavSink::start(const AudioFormat& format) {
@@ -80,11 +85,14 @@ void WavSink::start(const AudioFormat& format) {
 }
 
 void WavSink::open() {
+    if (!makePart()) {
+        return;
+    }
     SF_INFO info{};
     info.samplerate = static_cast<int>(m_format.rate);
     info.channels = m_format.channels;
     info.format = SF_FORMAT_WAV | containerOf(m_format);
-    m_file.reset(sf_open(partPath().c_str(), SFM_WRITE, &info));
+    m_file.reset(sf_open(m_part.c_str(), SFM_WRITE, &info));
     if (m_file == nullptr) {
         fail(sf_strerror(nullptr));
         return;
@@ -128,21 +136,26 @@ void WavSink::flush() {
 }
 
 void WavSink::close(bool keep) {
-    const bool wasOpen = m_file != nullptr;
     flush();
-    m_file.reset();
-    std::error_code ignored;
-    if (!wasOpen || !keep || !m_error.empty()) {
-        std::filesystem::remove(partPath(), ignored);
-        return;
+    if (m_file != nullptr) {
+        if (sf_close(static_cast<SNDFILE*>(m_file.release())) != 0) {
+            fail("its header could not be completed");
+        }
+        const std::string name = finalPath();
+        if (keep && m_error.empty()) {
+            if (std::rename(m_part.c_str(), name.c_str()) == 0) {
+                m_files.push_back(name);
+                m_part.clear();
+                return;
+            }
+            fail(std::strerror(errno));
+        }
     }
-    const std::string name = finalPath();
-    if (std::rename(partPath().c_str(), name.c_str()) != 0) {
-        fail(std::strerror(errno));
-        std::filesystem::remove(partPath(), ignored);
-        return;
+    if (!m_part.empty()) {
+        std::error_code ignored;
+        std::filesystem::remove(m_part, ignored);
+        m_part.clear();
     }
-    m_files.push_back(name);
 }
 
 void WavSink::finish() {

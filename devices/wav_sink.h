@@ -4,7 +4,7 @@
 // leaves nothing behind. A WAV file has one format: when rate, channels or subslot change after
 // more than silence was played, the file is finished and the next part goes to "NAME-2.wav",
 // "NAME-3.wav"; silence alone (a latency test before the rate is chosen) is dropped with its
-// format. Containers: 4-byte subslots as 32 bit PCM, 3 as 24 bit, 2 as 16 bit, 1 as 8 bit.
+// format. The file has as many bits as the converter: 8, 16, 24 or 32.
 #pragma once
 
 #include "devices/audio_sink.h"
@@ -37,14 +37,15 @@ private:
     struct Close {
         void operator()(void* file) const; // a SNDFILE
     };
-    std::string partPath() const;  // of the file being written
-    std::string finalPath() const; // its name once it is whole
+    std::string finalPath() const; // of the file being written, once it is whole
+    bool makePart();
     void open();
     void flush();
     void close(bool keep);
     void fail(const std::string& what);
 
     std::string m_path;
+    std::string m_part; // where the file is written; empty: nowhere
     AudioFormat m_format;
     std::unique_ptr<void, Close> m_file;
     std::vector<std::int32_t> m_samples; // converted, not yet written
