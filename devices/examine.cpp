@@ -115,11 +115,31 @@ private:
             report(setting.offset, "endpoint {:#04x} has packets of {}, the limit is {}",
                    endpoint.address, endpoint.packetSize, most);
         }
+        checkTransactions(setting, endpoint);
         const bool exponential = high || endpoint.type() == TransferType::Isochronous;
         if (endpoint.isPeriodic() &&
             (endpoint.bInterval == 0 || (exponential && endpoint.bInterval > 16))) {
             report(setting.offset, "endpoint {:#04x} has bInterval {}, expected 1 to 16",
                    endpoint.address, endpoint.bInterval);
+        }
+    }
+
+    // USB 2.0, table 9-14: more transactions only where fewer can't carry as much.
+    void checkTransactions(const AlternateSetting& setting, const Endpoint& endpoint) {
+        if (endpoint.transactions == 1) {
+            return;
+        }
+        if (m_speed != Speed::High || !endpoint.isPeriodic() || endpoint.transactions > 3) {
+            report(setting.offset, "endpoint {:#04x} has {} transactions a microframe, expected {}",
+                   endpoint.address, endpoint.transactions,
+                   m_speed == Speed::High && endpoint.isPeriodic() ? "1 to 3" : "1");
+            return;
+        }
+        const unsigned least = (endpoint.transactions - 1U) * 1024 / endpoint.transactions + 1;
+        if (endpoint.packetSize < least) {
+            report(setting.offset,
+                   "endpoint {:#04x} has {} transactions of {}, expected {} to 1024",
+                   endpoint.address, endpoint.transactions, endpoint.packetSize, least);
         }
     }
 

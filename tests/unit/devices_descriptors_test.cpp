@@ -218,6 +218,40 @@ TEST(Descriptors, OdditiesAreKeptAndListed) {
     EXPECT_EQ(findings[3].text, "entity ID 41 is used 2 times");
 }
 
+TEST(Descriptors, HighBandwidthEndpoints) {
+    struct Case {
+        unsigned wMaxPacketSize;
+        Speed speed;
+        const char* finding; // empty: none
+    };
+    const Case cases[] = {
+        {513 | 1 << 11, Speed::High, ""},
+        {512 | 1 << 11, Speed::High,
+         "endpoint 0x01 has 2 transactions of 512, expected 513 to 1024"},
+        {683 | 2 << 11, Speed::High, ""},
+        {682 | 2 << 11, Speed::High,
+         "endpoint 0x01 has 3 transactions of 682, expected 683 to 1024"},
+        {800 | 3 << 11, Speed::High,
+         "endpoint 0x01 has 4 transactions a microframe, expected 1 to 3"},
+        {800 | 1 << 11, Speed::Full, "endpoint 0x01 has 2 transactions a microframe, expected 1"},
+    };
+    for (const Case& testCase : cases) {
+        SCOPED_TRACE(testCase.wMaxPacketSize);
+        std::vector<std::byte> bytes = stereoOut();
+        std::size_t endpoint = find(bytes, 5); // the interrupt endpoint, then that of the stream
+        endpoint += 7 + find(std::vector(bytes.begin() + static_cast<std::ptrdiff_t>(endpoint) + 7,
+                                         bytes.end()),
+                             5);
+        bytes[endpoint + 4] = static_cast<std::byte>(testCase.wMaxPacketSize & 0xFF);
+        bytes[endpoint + 5] = static_cast<std::byte>(testCase.wMaxPacketSize >> 8);
+        const auto findings = examine(parseDevice(bytes), testCase.speed);
+        ASSERT_EQ(findings.size(), *testCase.finding == 0 ? 0U : 1U);
+        if (!findings.empty()) {
+            EXPECT_EQ(findings[0].text, testCase.finding);
+        }
+    }
+}
+
 TEST(Descriptors, ServiceInterval) {
     struct Case {
         std::uint8_t attributes, bInterval;

@@ -2,6 +2,8 @@
 
 #include "tests/unit/devices_plugged.h"
 
+#include "devices/usb_spec.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -9,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <optional>
 
 namespace kelvane::devices {
@@ -64,6 +67,45 @@ TEST_F(Requests, StandardReads) {
         EXPECT_EQ(
             get(testCase.type, testCase.request, testCase.value, testCase.index, testCase.length),
             testCase.answer);
+    }
+}
+
+// Every index that a model's descriptors name has a text, and no two channels the same.
+TEST_F(Requests, ModelsTellEverythingByName) {
+    for (const Model& model : models()) {
+        SCOPED_TRACE(model.name);
+        use(model.name);
+        const auto& device = m_device->descriptors();
+        std::vector<unsigned> indices{device.iManufacturer, device.iProduct, device.iSerialNumber};
+        const auto addChannels = [&](unsigned channels, unsigned first) {
+            for (unsigned channel = 0; channel < channels; ++channel) {
+                indices.push_back(first + channel);
+            }
+        };
+        DescriptorWalk walk(device.configurations.front().bytes);
+        unsigned subClass = 0;
+        while (const auto view = walk.next()) {
+            const bool specific = view->type() == usb::kCsInterface;
+            if (view->type() == usb::kInterface) {
+                indices.push_back(view->u8(8));
+                subClass = view->u8(6);
+            } else if (specific && subClass == usb::kAudioControl &&
+                       view->subtype() != usb::kHeader) {
+                indices.push_back(view->u8(view->length() - 1));
+                if (view->subtype() == usb::kInputTerminal) {
+                    addChannels(view->u8(8), view->u8(13));
+                }
+            } else if (specific && subClass == usb::kAudioStreaming &&
+                       view->subtype() == usb::kAsGeneral) {
+                addChannels(view->u8(10), view->u8(15));
+            }
+        }
+        std::map<Bytes, unsigned> seen;
+        for (const unsigned index : indices) {
+            const auto text = get(0x80, 6, 0x0300 | index, 0x0409, 255);
+            ASSERT_TRUE(index != 0 && text && text->size() > 2) << index;
+            EXPECT_EQ(seen.try_emplace(*text, index).first->second, index) << "said twice";
+        }
     }
 }
 
