@@ -19,6 +19,7 @@ int duplex(const DuplexOptions& options) {
     PartFile part(options.recording);
     TraceLog trace(options.trace);
     Session session(options, trace);
+    session.require(true, true);
     RunReport report;
     report.command = "duplex";
     {

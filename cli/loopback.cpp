@@ -120,6 +120,7 @@ RoundTrip toRoundTrip(const ClickTrain& train, const std::vector<std::uint64_t>&
 std::optional<RoundTrip> measure(const LoopbackOptions& options, TraceLog& trace,
                                  LoopbackReport& report) {
     Session session(options, trace);
+    session.require(true, true);
     std::optional<RoundTrip> result;
     {
         std::uint16_t bits = options.bits;

@@ -1,7 +1,7 @@
 #include "cli/partfile.h"
 
 #include "client/client.h"
-#include "devices/part_file.h"
+#include "client/files.h"
 
 #include <fmt/format.h>
 
@@ -58,7 +58,7 @@ void checkFiles(const RunFiles& files) {
 }
 
 PartFile::PartFile(std::string path)
-    : m_path(devices::linkTarget(path)), m_part(devices::makePartFile(m_path)) {
+    : m_path(client::linkTarget(path)), m_part(client::makePartFile(m_path)) {
     if (m_part.empty()) {
         fail(std::strerror(errno));
     }

@@ -16,6 +16,7 @@ int play(const PlayOptions& options) {
     AudioFile file(options.file);
     TraceLog trace(options.trace);
     Session session(options, trace);
+    session.require(true, false);
     RunReport report;
     report.command = "play";
     {

@@ -53,6 +53,7 @@ int record(const RecordOptions& options) {
     PartFile part(options.file);
     TraceLog trace(options.trace);
     Session session(options, trace);
+    session.require(false, true);
     RunReport report;
     report.command = "record";
     {

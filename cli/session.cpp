@@ -61,20 +61,23 @@ std::uint32_t Session::chooseRate(std::uint32_t wanted) {
     return *m_options.rate;
 }
 
-std::uint16_t Session::outputChannels(std::uint32_t fileChannels) {
-    const auto pin = m_system->renderPin();
-    if (!pin) {
+void Session::require(bool output, bool input) {
+    if (output && !m_system->renderPin()) {
         throw InputError(fmt::format("{}: the driver publishes no output to play on", device()));
     }
-    return chooseChannels(fileChannels, mostChannels(*pin));
+    if (input && !m_system->capturePin()) {
+        throw InputError(fmt::format("{}: the driver publishes no input to record from", device()));
+    }
+}
+
+std::uint16_t Session::outputChannels(std::uint32_t fileChannels) {
+    const auto pin = m_system->renderPin();
+    return chooseChannels(fileChannels, pin ? mostChannels(*pin) : 0);
 }
 
 client::CaptureStream Session::openInput(std::uint32_t rate, std::uint16_t& bits) {
     const auto pin = m_system->capturePin();
-    if (!pin) {
-        throw InputError(fmt::format("{}: the driver publishes no input to record from", device()));
-    }
-    const std::uint32_t channels = mostChannels(*pin);
+    const std::uint32_t channels = pin ? mostChannels(*pin) : 0;
     if (channels < 2) {
         throw InputError(fmt::format("{}: its input has {} channel; the driver opens even numbers "
                                      "of channels only",

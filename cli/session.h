@@ -30,10 +30,12 @@ public:
     client::System& system() { return *m_system; }
     const std::string& device() const { return m_options.system.device; }
 
+    // Whether the interface has what the run needs. Throws InputError.
+    void require(bool output, bool input);
     // The rate that was asked for, or else that of the device which suits `wanted` best. Throws
     // InputError when the device doesn't have it.
     std::uint32_t chooseRate(std::uint32_t wanted);
-    // Channels to open the output with, for a file of so many. Throws InputError without an output.
+    // Channels to open the output with, for a file of so many.
     std::uint16_t outputChannels(std::uint32_t fileChannels);
     // The input pin, opened with all channels that it has. `bits` of a sample in the file; 0: as
     // many as there are, and left there. Throws InputError and StatusError.

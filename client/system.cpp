@@ -73,7 +73,7 @@ struct System::Parts {
     void countAnew(); // the start-up's own transfers are none of a stream's
     std::optional<PinInfo> findPin(Direction direction) const;
     std::unique_ptr<PinStream::Parts> openPin(Direction direction, const PcmFormat& format);
-    KsFile createPin(std::span<const std::byte> connection) const;
+    KsFile createPin(std::span<const std::byte> connection);
     [[noreturn]] void refuse(const std::string& what, NTSTATUS status) const;
 
     SystemOptions options;
@@ -216,15 +216,14 @@ std::unique_ptr<PinStream::Parts> System::Parts::openPin(Direction direction,
 }
 
 // A status alone says little: the driver's own lines go with it.
-KsFile System::Parts::createPin(std::span<const std::byte> connection) const {
+KsFile System::Parts::createPin(std::span<const std::byte> connection) {
     const std::size_t before = troubles.lines().size();
     try {
         return filter->createPin(connection);
     } catch (const StatusError& error) {
-        const std::vector<std::string> lines = troubles.lines();
         std::string reasons;
-        for (std::size_t i = before; i < lines.size(); ++i) {
-            reasons += "\n  " + lines[i];
+        for (const std::string& line : troubles.takeAfter(before)) {
+            reasons += "\n  " + line;
         }
         throw StatusError("the pin can't be opened", error.status(), reasons);
     }

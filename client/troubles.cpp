@@ -83,4 +83,13 @@ std::vector<std::string> Troubles::lines() const {
     return m_lines;
 }
 
+std::vector<std::string> Troubles::takeAfter(std::size_t kept) {
+    const std::lock_guard guard(m_mutex);
+    kept = std::min(kept, m_lines.size());
+    std::vector<std::string> taken(m_lines.begin() + static_cast<std::ptrdiff_t>(kept),
+                                   m_lines.end());
+    m_lines.resize(kept);
+    return taken;
+}
+
 } // namespace kelvane::client

@@ -31,6 +31,8 @@ public:
         m_starvationExpected[static_cast<std::size_t>(direction)] = expected;
     }
     std::vector<std::string> lines() const;
+    // Takes out those behind the first `kept`: whoever asks tells of them elsewhere.
+    std::vector<std::string> takeAfter(std::size_t kept);
 
 private:
     bool expected(std::string_view line) const;

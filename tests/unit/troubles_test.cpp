@@ -57,6 +57,9 @@ TEST(Troubles, AStreamThatRunsDryCountsWhileItsApplicationGoesOn) {
         troubles.expectStarvation(row.direction, true);
         troubles.consider(row.dry); // at its end
         EXPECT_EQ(troubles.lines(), std::vector<std::string>{row.dry});
+        EXPECT_EQ(troubles.takeAfter(1).size(), 0U);
+        EXPECT_EQ(troubles.takeAfter(0), std::vector<std::string>{row.dry});
+        EXPECT_TRUE(troubles.lines().empty());
     }
 }
 
