@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 
@@ -16,6 +17,14 @@ namespace kelvane::devices {
 namespace {
 
 constexpr std::size_t kFramesPerRead = 1024;
+
+// From full scale 1.0 to 32 bits, exact for integers of that many. What lies beyond stays at full
+// scale, and what is no number is silent.
+std::uint32_t toSample(double value) {
+    const double scaled = std::isnan(value) ? 0.0 : std::ldexp(value, 31);
+    const double held = std::clamp(scaled, -2147483648.0, 2147483647.0);
+    return static_cast<std::uint32_t>(static_cast<std::int32_t>(std::lrint(held)));
+}
 
 } // namespace
 
@@ -41,9 +50,6 @@ FileSource::FileSource(std::string path, AtEnd atEnd) : m_path(std::move(path)),
                                       info.frames == 0 ? "holds no sound"
                                                        : "can't be read from its start again"));
     }
-    // Samples beyond full scale of a file in floating point stay at full scale.
-    sf_command(static_cast<SNDFILE*>(m_file.get()), SFC_SET_SCALE_FLOAT_INT_READ, nullptr, SF_TRUE);
-    sf_command(static_cast<SNDFILE*>(m_file.get()), SFC_SET_CLIPPING, nullptr, SF_TRUE);
     m_rate = static_cast<std::uint32_t>(info.samplerate);
     m_channels = static_cast<unsigned>(info.channels);
     m_frames = static_cast<std::uint64_t>(info.frames);
@@ -82,7 +88,7 @@ std::size_t FileSource::readSome(std::size_t frames) {
     auto* file = static_cast<SNDFILE*>(m_file.get());
     const auto most = static_cast<sf_count_t>(
         std::min<std::uint64_t>({frames, kFramesPerRead, m_frames - m_next}));
-    const sf_count_t read = sf_readf_int(file, m_samples.data(), most);
+    const sf_count_t read = sf_readf_double(file, m_samples.data(), most);
     if (read <= 0) {
         fail(fmt::format("can't be read beyond frame {}: {}", m_next, sf_strerror(file)));
         m_silent = true;
@@ -104,8 +110,7 @@ void FileSource::fill(std::span<std::byte> frames) {
         }
         for (std::size_t frame = 0; frame < read; ++frame) {
             for (unsigned channel = 0; channel < channels; ++channel) {
-                const auto sample =
-                    static_cast<std::uint32_t>(m_samples[frame * m_channels + channel]);
+                const std::uint32_t sample = toSample(m_samples[frame * m_channels + channel]);
                 putSample(
                     &frames[frame * frameBytes + std::size_t{channel} * m_format.subslotBytes],
                     sample & mask, m_format.subslotBytes);

@@ -1,9 +1,9 @@
 // An audio file as what an interface's converter records.
 //
-// It is recorded from its first frame, one frame per sample clock, without conversion: bit for bit
-// where the converter has as many bits. A device that runs at another rate than the file records
-// silence, and `finish` says so. Channels that the file lacks are silent, those that the device
-// lacks are left out.
+// It is recorded from its first frame, one frame per sample clock: bit for bit where the converter
+// has as many bits, cut to its bits otherwise; floating point beyond full scale stays at full
+// scale. A device that runs at another rate than the file records silence, and `finish` says so.
+// Channels that the file lacks are silent, those that the device lacks are left out.
 #pragma once
 
 #include "devices/block_source.h"
@@ -44,11 +44,11 @@ private:
     std::unique_ptr<void, Close> m_file;
     std::uint32_t m_rate = 0; // Hz
     unsigned m_channels = 0;
-    std::uint64_t m_frames = 0; // of the whole file
-    std::uint64_t m_next = 0;   // frame to be read next
-    AudioFormat m_format;       // of the device
-    bool m_silent = true;       // another rate, or a file that can't be read any more
-    std::vector<std::int32_t> m_samples;
+    std::uint64_t m_frames = 0;    // of the whole file
+    std::uint64_t m_next = 0;      // frame to be read next
+    AudioFormat m_format;          // of the device
+    bool m_silent = true;          // another rate, or a file that can't be read any more
+    std::vector<double> m_samples; // as read, full scale 1.0
     std::string m_error;
 };
 

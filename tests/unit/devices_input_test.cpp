@@ -54,20 +54,20 @@ std::vector<std::int32_t> record(AudioSource& source, const AudioFormat& format,
 class TemporaryWav {
 public:
     // Frame f has sample (f + 1) << 12 in channel 0, the negative of it in channel 1 and so on.
-    TemporaryWav(int rate, int channels, int frames)
+    TemporaryWav(int rate, int channels, int frames, int encoding = SF_FORMAT_PCM_24)
         : m_path(testing::TempDir() + fmt::format("source-{}.wav", getpid())) {
         SF_INFO info{};
         info.samplerate = rate;
         info.channels = channels;
-        info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_24;
+        info.format = SF_FORMAT_WAV | encoding;
         SNDFILE* file = sf_open(m_path.c_str(), SFM_WRITE, &info);
-        std::vector<int> samples;
+        std::vector<double> samples;
         for (int frame = 0; frame < frames; ++frame) {
             for (int channel = 0; channel < channels; ++channel) {
-                samples.push_back((channel % 2 == 0 ? 1 : -1) * ((frame + 1) << 12));
+                samples.push_back(std::ldexp((channel % 2 == 0 ? 1 : -1) * (frame + 1), 12 - 31));
             }
         }
-        sf_write_int(file, samples.data(), static_cast<sf_count_t>(samples.size()));
+        sf_write_double(file, samples.data(), static_cast<sf_count_t>(samples.size()));
         sf_close(file);
     }
     ~TemporaryWav() { std::filesystem::remove(m_path); }
@@ -175,9 +175,12 @@ TEST(FileSource, GivesTheFileAsItIs) {
         int fileChannels;
         AudioFormat format;
         bool loop;
+        int encoding = SF_FORMAT_PCM_24;
     };
     const Case cases[] = {
         {"as it is", 2, kStereo, false},
+        {"floating point", 2, kStereo, false, SF_FORMAT_FLOAT},
+        {"32 bits in the file", 2, kStereo, false, SF_FORMAT_PCM_32},
         {"over and over", 2, kStereo, true},
         {"mono", 1, kStereo, false},
         {"too many channels", 4, kStereo, true},
@@ -187,7 +190,7 @@ TEST(FileSource, GivesTheFileAsItIs) {
     for (const Case& testCase : cases) {
         for (const bool skipping : {false, true}) {
             SCOPED_TRACE(fmt::format("{} {}", testCase.name, skipping));
-            const TemporaryWav wav(48000, testCase.fileChannels, kFrames);
+            const TemporaryWav wav(48000, testCase.fileChannels, kFrames, testCase.encoding);
             const auto source = makeSource((testCase.loop ? "loop:" : "") + wav.path());
             EXPECT_EQ(source->rate(), 48000U);
             const AudioFormat& format = testCase.format;
@@ -208,6 +211,22 @@ TEST(FileSource, GivesTheFileAsItIs) {
             EXPECT_NO_THROW(source->finish());
         }
     }
+}
+
+TEST(FileSource, HoldsFloatingPointAtFullScale) {
+    const std::string path = testing::TempDir() + fmt::format("loud-{}.wav", getpid());
+    SF_INFO info{};
+    info.samplerate = 48000;
+    info.channels = 2;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_DOUBLE;
+    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    const std::array<double, 6> loud{1.0, -1.0, 3.0, -1e300, std::nan(""), 0.5};
+    sf_write_double(file, loud.data(), loud.size());
+    sf_close(file);
+    EXPECT_EQ(
+        record(*makeSource(path), kStereo, 3),
+        (std::vector<std::int32_t>{0x7FFFFF00, INT32_MIN, 0x7FFFFF00, INT32_MIN, 0, 0x40000000}));
+    std::filesystem::remove(path);
 }
 
 TEST(FileSource, RefusesAnotherRate) {
