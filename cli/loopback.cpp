@@ -13,9 +13,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <optional>
 
 namespace kelvane::cli {
@@ -171,11 +172,14 @@ Chart toChart(const LoopbackReport& report) {
 }
 
 void writePlot(const LoopbackReport& report, PartFile& part) {
-    std::ofstream file(part.partPath(), std::ios::binary);
-    file << svg(toChart(report));
-    file.close();
-    if (!file) {
-        part.fail("the disk may be full");
+    const std::string text = svg(toChart(report));
+    std::FILE* file = std::fopen(part.partPath().c_str(), "wbe");
+    if (file == nullptr) {
+        part.fail(std::strerror(errno));
+    }
+    const bool written = std::fwrite(text.data(), 1, text.size(), file) == text.size();
+    if (std::fclose(file) != 0 || !written) {
+        part.fail(std::strerror(errno));
     }
     part.keep();
 }
