@@ -8,6 +8,7 @@
 #include <sndfile.h>
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cmath>
 #include <csignal>
@@ -157,6 +158,11 @@ TEST(Play, RefusesBadInputAndLeavesNothingBehind) {
     writeText(place.path("wrong.bin"), std::string(60, '\x05'));
     std::filesystem::create_symlink("/dev/null", place.path("device.wav"));
     const Names before = place.names();
+    const auto sizes = [&] {
+        return std::array{std::filesystem::file_size(place.path("good.wav")),
+                          std::filesystem::file_size(place.path("wrong.bin"))};
+    };
+    const auto sizesBefore = sizes();
     const struct {
         Names words;
         const char* message; // a regular expression
@@ -173,6 +179,13 @@ TEST(Play, RefusesBadInputAndLeavesNothingBehind) {
         {{"play", "good.wav", "--device-output", "folder"}, "folder: can't be written.*directory"},
         {{"play", "good.wav", "--device-output", "device.wav"}, "device.wav.*no regular file"},
         {{"play", "good.wav", "--device-output", "good.wav"}, "good.wav.*this run has another use"},
+        {{"play", "good.wav", "--trace=good.wav"}, "good.wav.*this run has another use"},
+        {{"show", "wrong.bin", "--trace=wrong.bin"}, "wrong.bin.*this run has another use"},
+        {{"play", "good.wav", "--device", "wrong.bin", "--device-output", "./wrong.bin"},
+         "wrong.bin.*this run has another use"},
+        {{"play", "good.wav", "--trace=new.wav", "--device-output", "new.wav"},
+         "new.wav.*this run has another use"},
+        {{"play", "good.wav", "--rate", "0"}, "--rate 0: stereo-out offers 44100"},
         {{"play", "good.wav", "--trace=no/such.txt"}, "no/such.txt: can't be written"},
         {{"play", "good.wav", "--device", "nonesuch"}, "nonesuch.*stereo-out"},
         {{"play", "good.wav", "--device", "short.bin"}, "short.bin.*offset 0"},
@@ -192,7 +205,25 @@ TEST(Play, RefusesBadInputAndLeavesNothingBehind) {
         EXPECT_EQ(result.err.find("kelvane: "), 0U) << result.err;
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\x1b'), 0);
         EXPECT_EQ(place.names(), before);
+        EXPECT_EQ(sizes(), sizesBefore);
     }
+}
+
+TEST(Play, TouchesNothingThatIsNotItsOwn) {
+    const Workplace place;
+    const char* latin1 = "caf\xE9.wav"; // no UTF-8
+    writeRaw(place.path(latin1), {});
+    writeText(place.path("heard.wav.part"), "somebody's own");
+    std::filesystem::create_symlink("target.wav", place.path("link.wav"));
+    for (const char* output : {"heard.wav", "link.wav"}) {
+        const Result result = place.run({"play", latin1, "--device-output", output, "--json"});
+        ASSERT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(Json::parse(result.out)["outputFile"], output);
+    }
+    EXPECT_EQ(place.names(),
+              (Names{latin1, "heard.wav", "heard.wav.part", "link.wav", "target.wav"}));
+    EXPECT_EQ(std::filesystem::file_size(place.path("heard.wav.part")), 14U);
+    EXPECT_TRUE(std::filesystem::is_symlink(place.path("link.wav")));
 }
 
 TEST(Command, TellsWrongUsageApart) {
