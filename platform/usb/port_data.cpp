@@ -170,6 +170,7 @@ Port::Result Port::startIsochronous(Transfer& transfer) {
             return USBD_STATUS_INVALID_PARAMETER;
         }
     }
+    const std::uint64_t scheduledBefore = pipe->scheduledUntil;
     if (const Result refused = scheduleFrames(transfer, *pipe)) {
         return refused;
     }
@@ -178,6 +179,8 @@ Port::Result Port::startIsochronous(Transfer& transfer) {
     transfer.transferred = &urb.TransferBufferLength;
     if (handOver(transfer)) {
         m_controller.startIsochronous(transfer);
+    } else {
+        pipe->scheduledUntil = scheduledBefore; // its frames are free for the next
     }
     return std::nullopt;
 }

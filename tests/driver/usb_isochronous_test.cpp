@@ -332,6 +332,19 @@ TEST_F(Isochronous, AbortAndCancel) {
     EXPECT_EQ(first.wait(), STATUS_SUCCESS);
 }
 
+TEST_F(Isochronous, WhatIsCancelledBeforeItIsSentTakesNoFrames) {
+    start();
+    auto transfer = request(0, 80, 16);
+    const std::uint32_t frame = now() + 5;
+    transfer.build(frame);
+    transfer.cancelFirst = true;
+    EXPECT_EQ(transfer.send(), STATUS_PENDING);
+    EXPECT_EQ(transfer.wait(), STATUS_CANCELLED);
+    transfer.build(frame);
+    transfer.cancelFirst = false;
+    EXPECT_EQ(transfer.sendAndWait(), STATUS_SUCCESS);
+}
+
 TEST_F(Isochronous, ChangingTheSettingEndsWhatIsInFlight) {
     start();
     auto transfer = request(0, 80, 16);

@@ -49,6 +49,9 @@ public:
         next->Parameters.DeviceIoControl.IoControlCode = usb::kSubmitUrb;
         next->Parameters.Others.Argument1 = &urb();
         IoSetCompletionRoutine(m_irp, ended, this, TRUE, TRUE, TRUE);
+        if (cancelFirst) {
+            cancel();
+        }
         return IoCallDriver(m_device, m_irp);
     }
     bool cancel() { return IoCancelIrp(m_irp) != FALSE; }
@@ -66,6 +69,8 @@ public:
         return wait();
     }
     KIRQL endedAt() const { return m_irql; }
+
+    bool cancelFirst = false; // send what is cancelled already
 
 private:
     static NTSTATUS NTAPI ended(PDEVICE_OBJECT, PIRP, PVOID context) {
