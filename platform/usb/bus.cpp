@@ -37,11 +37,22 @@ UsbBus::~UsbBus() {
 
 DEVICE_OBJECT* UsbBus::attach(std::shared_ptr<devices::UsbDevice> device, AttachOptions options) {
     const Lock lock(*this);
-    const auto number = static_cast<std::uint32_t>(m_ports.size() + 1);
-    auto port = std::make_unique<Port>(*this, *m_controller, std::move(device), options, number);
+    auto port =
+        std::make_unique<Port>(*this, *m_controller, std::move(device), options, freePortNumber());
     port->setPdo(createPdo(m_driver, *port));
     m_ports.push_back(std::move(port));
     return m_ports.back()->pdo();
+}
+
+// The lowest that no device object has: what is plugged in again is the same device to the machine.
+std::uint32_t UsbBus::freePortNumber() const {
+    std::uint32_t number = 1;
+    while (std::ranges::any_of(m_ports, [number](const auto& port) {
+        return port->pdo() != nullptr && port->number() == number;
+    })) {
+        ++number;
+    }
+    return number;
 }
 
 void UsbBus::detach(DEVICE_OBJECT* pdo) {

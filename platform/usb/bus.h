@@ -82,6 +82,8 @@ public:
     // A URB that never was pending.
     void observeRefusal(const Transfer& transfer, USBD_STATUS status);
     std::uint64_t nextUrbNumber() { return ++m_urbs; }
+    // Ports that ever had a device.
+    std::size_t portsUsed() const { return m_ports.size(); }
     // Bus frames to frame numbers and back.
     std::uint32_t numberOfFrame(std::uint64_t frame) const;
     // Forgets a device object that has been deleted.
@@ -94,6 +96,7 @@ private:
     void traceCompletion(const Transfer& transfer, NTSTATUS status) const;
     std::string traceTime() const;
     Port* portOf(const DEVICE_OBJECT* pdo) const;
+    std::uint32_t freePortNumber() const;
 
     DRIVER_OBJECT* m_driver = nullptr;
 

@@ -16,7 +16,7 @@ void NTAPI cancelTransfer(PDEVICE_OBJECT, PIRP irp) {
     transfer->port->cancel(*transfer);
 }
 
-// Handles look like addresses that nothing is at, and differ from port to port.
+// Handles look like addresses that nothing is at, and differ from device to device.
 constexpr std::uintptr_t kFirstHandle = 0xFFFF'D000'0000'0000;
 constexpr std::uintptr_t kHandleStep = 0x10;
 
@@ -25,7 +25,7 @@ constexpr std::uintptr_t kHandleStep = 0x10;
 Port::Port(UsbBus& bus, HostController& controller, std::shared_ptr<devices::UsbDevice> device,
            AttachOptions options, std::uint32_t number)
     : m_bus(bus), m_controller(controller), m_device(std::move(device)), m_options(options),
-      m_number(number), m_nextHandle(kFirstHandle + (std::uintptr_t{number} << 32)),
+      m_number(number), m_nextHandle(kFirstHandle + (std::uintptr_t{bus.portsUsed()} << 32)),
       m_attached(controller.microframe()), m_random(options.seed * 2 + 1) {
     m_device->attach(this);
 }

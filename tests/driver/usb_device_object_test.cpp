@@ -52,6 +52,21 @@ TEST(UsbDeviceObject, Identifiers) {
     }
 }
 
+TEST(UsbDeviceObject, PluggedInAgainItIsTheSameDeviceWithHandlesOfItsOwn) {
+    BusMachine machine(devices::makeDevice("stereo-out"));
+    DEVICE_OBJECT* other = machine.bus.attach(devices::makeDevice("stereo-out"));
+    ASSERT_EQ(machine.configure(), STATUS_SUCCESS);
+    const USBD_PIPE_HANDLE stale = machine.select(1, 1)[0].PipeHandle;
+    const std::u16string key = nt::driverKeyPath(machine.pdo);
+    EXPECT_NE(nt::driverKeyPath(other), key);
+
+    machine.bus.detach(machine.pdo);
+    machine.pdo = machine.bus.attach(devices::makeDevice("stereo-out"));
+    EXPECT_EQ(nt::driverKeyPath(machine.pdo), key);
+    ASSERT_EQ(machine.configure(), STATUS_SUCCESS);
+    EXPECT_NE(machine.select(1, 1)[0].PipeHandle, stale);
+}
+
 TEST(UsbDeviceObject, PlugAndPlayQueries) {
     BusMachine machine(devices::makeDevice("stereo-out"));
     DEVICE_CAPABILITIES capabilities{};
