@@ -4,6 +4,33 @@
 #include "platform/nt/irps.h"
 #include "platform/nt/machine.h"
 
+namespace kelvane::nt {
+
+bool cancelIrp(IRP* irp) {
+    KIRQL irql;
+    IoAcquireCancelSpinLock(&irql);
+    irp->Cancel = TRUE;
+    const PDRIVER_CANCEL routine = IoSetCancelRoutine(irp, nullptr);
+    if (routine == nullptr) {
+        IoReleaseCancelSpinLock(irql);
+        return false;
+    }
+    irp->CancelIrql = irql;
+    // The routine releases the cancel spin lock, and the IRQL with it.
+    routine(irp->CurrentLocation <= irp->StackCount
+                ? IoGetCurrentIrpStackLocation(irp)->DeviceObject
+                : nullptr,
+            irp);
+    if (KeGetCurrentIrql() != irql) {
+        breach(Rule::IrqlChanged, "IoCancelIrp",
+               "the cancel routine did not release the cancel spin lock to CancelIrql");
+        IoReleaseCancelSpinLock(irql);
+    }
+    return true;
+}
+
+} // namespace kelvane::nt
+
 using namespace kelvane::nt;
 
 extern "C" {
@@ -18,28 +45,7 @@ void NTAPI IoReleaseCancelSpinLock(KIRQL Irql) {
 
 BOOLEAN NTAPI IoCancelIrp(PIRP Irp) {
     irqlAtMost(DISPATCH_LEVEL);
-    if (Machine::current().irps().find(Irp, __func__) == nullptr) {
-        return FALSE;
-    }
-    KIRQL irql;
-    IoAcquireCancelSpinLock(&irql);
-    Irp->Cancel = TRUE;
-    const PDRIVER_CANCEL routine = IoSetCancelRoutine(Irp, nullptr);
-    if (routine == nullptr) {
-        IoReleaseCancelSpinLock(irql);
-        return FALSE;
-    }
-    Irp->CancelIrql = irql;
-    // The routine releases the cancel spin lock, and the IRQL with it.
-    routine(Irp->CurrentLocation <= Irp->StackCount
-                ? IoGetCurrentIrpStackLocation(Irp)->DeviceObject
-                : nullptr,
-            Irp);
-    if (KeGetCurrentIrql() != irql) {
-        breach(Rule::IrqlChanged, __func__,
-               "the cancel routine did not release the cancel spin lock to CancelIrql");
-        IoReleaseCancelSpinLock(irql);
-    }
-    return TRUE;
+    return Machine::current().irps().find(Irp, __func__) != nullptr && cancelIrp(Irp) ? TRUE
+                                                                                      : FALSE;
 }
 }

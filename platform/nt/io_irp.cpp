@@ -43,7 +43,9 @@ IRP* makeIrp(CCHAR stackSize, IrpOwner owner) {
 void dropIrp(IRP* irp) {
     Machine& machine = Machine::current();
     machine.irps().remove(irp);
-    machine.pool().free(irp, kIrpTag, "IoFreeIrp");
+    if (!machine.irps().leaveToUnpin(irp)) {
+        machine.pool().free(irp, kIrpTag, "IoFreeIrp");
+    }
 }
 
 } // namespace kelvane::nt

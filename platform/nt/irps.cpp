@@ -4,11 +4,32 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace kelvane::nt {
+
+namespace {
+
+// The calls of its dispatch routines have nothing to look at any more.
+void abandon(IrpState& state) {
+    for (CallFrame* frame = state.frames; frame != nullptr; frame = frame->outer) {
+        frame->gone = true;
+    }
+    state.frames = nullptr;
+}
+
+} // namespace
 
 void IrpTable::add(IRP* irp, std::unique_ptr<IrpState> state) {
     const std::scoped_lock guard(m_mutex);
-    m_irps[irp] = std::move(state);
+    state->serial = ++m_serial;
+    std::unique_ptr<IrpState>& slot = m_irps[irp];
+    if (slot == nullptr) {
+        slot = std::move(state);
+    } else { // made anew, perhaps by a completion routine: the state stays where it is
+        abandon(*slot);
+        *slot = std::move(*state);
+    }
 }
 
 IrpState* IrpTable::find(IRP* irp, const char* routine) {
@@ -35,9 +56,7 @@ std::unique_ptr<IrpState> IrpTable::remove(IRP* irp) {
     }
     std::unique_ptr<IrpState> state = std::move(found->second);
     m_irps.erase(found);
-    for (CallFrame* frame = state->frames; frame != nullptr; frame = frame->outer) {
-        frame->gone = true;
-    }
+    abandon(*state);
     return state;
 }
 
@@ -69,7 +88,7 @@ void IrpTable::leave(IRP* irp, CallFrame& frame) {
             break;
         }
     }
-    if (!frame.completed && !frame.forwarded) {
+    if (!frame.completed) {
         const IO_STACK_LOCATION* base = reinterpret_cast<const IO_STACK_LOCATION*>(irp + 1);
         frame.marked = (base[frame.location - 1].Control & SL_PENDING_RETURNED) != 0;
     }
@@ -95,22 +114,62 @@ std::optional<std::string> IrpTable::inUse(const std::byte* begin, const std::by
             ++next;
         } else if (next->second->sent) {
             return fmt::format("IRP {}, which is on its way", fmt::ptr(next->first));
+        } else if (next->second->owner == IrpOwner::Memory) {
+            abandon(*next->second);
+            next = m_irps.erase(next);
         } else {
-            next = next->second->owner == IrpOwner::Memory ? m_irps.erase(next) : std::next(next);
+            ++next;
         }
     }
     return std::nullopt;
 }
 
-std::vector<IRP*> IrpTable::ofFile(const FILE_OBJECT* file) const {
+bool IrpTable::anyOfFile(const FILE_OBJECT* file) const {
     const std::scoped_lock guard(m_mutex);
-    std::vector<IRP*> irps;
+    return std::ranges::any_of(m_irps, [file](const auto& entry) {
+        return entry.second->file == file && entry.second->sent;
+    });
+}
+
+IRP* IrpTable::pinOfFile(const FILE_OBJECT* file) {
+    const std::scoped_lock guard(m_mutex);
+    IRP* oldest = nullptr;
+    IrpState* itsState = nullptr;
     for (const auto& [irp, state] : m_irps) {
-        if (state->file == file && state->sent) {
-            irps.push_back(irp);
+        if (state->file == file && state->sent && !state->cancelled &&
+            (oldest == nullptr || state->serial < itsState->serial)) {
+            oldest = irp;
+            itsState = state.get();
         }
     }
-    return irps;
+    if (oldest != nullptr) {
+        itsState->cancelled = true;
+        m_pinned.emplace(oldest, false);
+    }
+    return oldest;
+}
+
+void IrpTable::unpin(IRP* irp) {
+    bool dropped;
+    {
+        const std::scoped_lock guard(m_mutex);
+        const auto found = m_pinned.find(irp);
+        dropped = found->second;
+        m_pinned.erase(found);
+    }
+    if (dropped) {
+        dropIrp(irp);
+    }
+}
+
+bool IrpTable::leaveToUnpin(IRP* irp) {
+    const std::scoped_lock guard(m_mutex);
+    const auto found = m_pinned.find(irp);
+    if (found == m_pinned.end()) {
+        return false;
+    }
+    found->second = true;
+    return true;
 }
 
 std::vector<std::pair<std::string, std::vector<std::string>>> IrpTable::leftOvers() const {

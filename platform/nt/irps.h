@@ -26,7 +26,7 @@ struct CallFrame {
     bool completed = false;
     bool marked = false;              // IoMarkIrpPending, as the completion found it
     NTSTATUS status = STATUS_SUCCESS; // that it was completed with
-    bool gone = false;                // the IRP was freed
+    bool gone = false;                // the IRP was freed, or made anew
 };
 
 enum class IrpOwner {
@@ -38,8 +38,10 @@ enum class IrpOwner {
 struct IrpState {
     IrpOwner owner = IrpOwner::Caller;
     bool sent = false;      // on its way: from IoCallDriver until it is back with its owner
+    bool cancelled = false; // with all requests of its file
     CHAR ownerLocation = 0; // CurrentLocation while its owner has it
     CallFrame* frames = nullptr;
+    std::uint64_t serial = 0; // counts the IRPs
     Backtrace made;
     // Of the I/O manager's requests:
     void* userOutput = nullptr; // buffered output goes here
@@ -63,8 +65,14 @@ public:
     void noteCompletion(IrpState& state, const IRP* irp);
 
     std::optional<std::string> inUse(const std::byte* begin, const std::byte* end);
-    // Requests of one file that are on their way.
-    std::vector<IRP*> ofFile(const FILE_OBJECT* file) const;
+    // Cancelling all requests of a file that are on their way. One may end another, or end on
+    // another processor meanwhile, so its memory stays from `pinOfFile` to `unpin`.
+    bool anyOfFile(const FILE_OBJECT* file) const;
+    // The oldest that was not asked for before, or null.
+    IRP* pinOfFile(const FILE_OBJECT* file);
+    void unpin(IRP* irp);
+    // For an IRP that was removed: true when `unpin` frees it.
+    bool leaveToUnpin(IRP* irp);
     // What is left of IRPs at the end of the machine.
     std::vector<std::pair<std::string, std::vector<std::string>>> leftOvers() const;
     void freeLeftOvers();
@@ -74,6 +82,8 @@ public:
 private:
     mutable std::mutex m_mutex;
     std::unordered_map<IRP*, std::unique_ptr<IrpState>> m_irps;
+    std::unordered_map<IRP*, bool> m_pinned; // and whether they were dropped
+    std::uint64_t m_serial = 0;
     KSPIN_LOCK m_cancelLock = 0;
 };
 
@@ -81,6 +91,8 @@ private:
 IRP* makeIrp(CCHAR stackSize, IrpOwner owner);
 // Takes a finished IRP of any owner out of the world.
 void dropIrp(IRP* irp);
+// IoCancelIrp of memory that is known to be an IRP's.
+bool cancelIrp(IRP* irp);
 // The end of an IRP that came back to the top of its stack with no completion routine keeping it.
 void finishIrp(IRP* irp, IrpState& state);
 

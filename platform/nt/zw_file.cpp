@@ -288,14 +288,11 @@ NTSTATUS NTAPI ZwCancelIoFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock)
     }
     auto* file = static_cast<FILE_OBJECT*>(body);
     constexpr LONGLONG kPollTime = -10 * static_cast<LONGLONG>(kMillisecond);
-    for (auto irps = machine.irps().ofFile(file); !irps.empty();
-         irps = machine.irps().ofFile(file)) {
-        for (IRP* irp : irps) {
-            if (irp->Cancel == FALSE) {
-                IoCancelIrp(irp);
-            }
-        }
-        if (!machine.irps().ofFile(file).empty()) {
+    while (machine.irps().anyOfFile(file)) {
+        if (IRP* irp = machine.irps().pinOfFile(file)) {
+            cancelIrp(irp);
+            machine.irps().unpin(irp);
+        } else {
             LARGE_INTEGER interval;
             interval.QuadPart = kPollTime;
             KeDelayExecutionThread(KernelMode, FALSE, &interval);

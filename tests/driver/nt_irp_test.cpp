@@ -116,6 +116,28 @@ TEST(Irp, CallsCompletionRoutinesForTheChosenOutcomesOnly) {
     }
 }
 
+NTSTATUS NTAPI freeMemory(PDEVICE_OBJECT, PIRP irp, PVOID) {
+    ExFreePool(irp);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+NTSTATUS NTAPI makeAnew(PDEVICE_OBJECT, PIRP irp, PVOID) {
+    IoInitializeIrp(irp, IoSizeOfIrp(1), 1);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+TEST(Irp, InMemoryOfItsOwnersGoesOrBeginsAnewAsItComesBack) {
+    RecordingMachine machine;
+    TestDevice device([](IRP* irp) { return complete(irp, STATUS_SUCCESS); });
+    IRP* irp = pooledIrp();
+    for (const PIO_COMPLETION_ROUTINE routine : {makeAnew, makeAnew, freeMemory}) {
+        prepare(irp);
+        IoSetCompletionRoutine(irp, routine, nullptr, TRUE, TRUE, TRUE);
+        EXPECT_EQ(IoCallDriver(device.object(), irp), STATUS_SUCCESS);
+    }
+    EXPECT_TRUE(machine.breaches().empty()) << machine.breaches()[0].report();
+}
+
 void NTAPI cancelHeld(PDEVICE_OBJECT, PIRP irp) {
     IoReleaseCancelSpinLock(irp->CancelIrql);
     complete(irp, STATUS_CANCELLED);
@@ -274,6 +296,8 @@ public:
 
     std::vector<std::string> log;
     TestDevice device;
+    PDRIVER_CANCEL cancelRoutine = cancelHeld;
+    std::vector<IRP*> held; // in the order of their coming
 
 private:
     NTSTATUS dispatch(IRP* irp) {
@@ -292,7 +316,9 @@ private:
                       (file.RelatedFileObject != nullptr ? " related" : ""));
         if (major == IRP_MJ_DEVICE_CONTROL) {
             IoMarkIrpPending(irp);
-            IoSetCancelRoutine(irp, cancelHeld);
+            held.push_back(irp);
+            irp->Tail.Overlay.DriverContext[0] = &held;
+            IoSetCancelRoutine(irp, cancelRoutine);
             return STATUS_PENDING;
         }
         const bool refuse = copyString(file.FileName) == u"\\no";
@@ -307,6 +333,16 @@ private:
         return copyString(name);
     }
 };
+
+// Ends every request of the list that the IRP is in.
+void NTAPI cancelAllHeld(PDEVICE_OBJECT, PIRP irp) {
+    IoReleaseCancelSpinLock(irp->CancelIrql);
+    auto& held = *static_cast<std::vector<IRP*>*>(irp->Tail.Overlay.DriverContext[0]);
+    for (IRP* one : std::exchange(held, {})) {
+        IoSetCancelRoutine(one, nullptr);
+        complete(one, STATUS_CANCELLED);
+    }
+}
 
 NTSTATUS open(HANDLE& handle, const std::u16string& path, HANDLE root = nullptr) {
     UNICODE_STRING name = viewString(path);
@@ -344,6 +380,30 @@ TEST(File, GoesFromCreateToClose) {
                                             "create {pin} related", "control {pin} related",
                                             "cleanup \\GLOBAL", "cleanup {pin} related",
                                             "close {pin} related", "close \\GLOBAL"}));
+    }
+    machine.end();
+    EXPECT_TRUE(machine.breaches().empty()) << machine.breaches()[0].report();
+}
+
+TEST(File, CancellingOneRequestMayEndTheOthers) {
+    RecordingMachine machine;
+    {
+        FileDevice target;
+        target.cancelRoutine = cancelAllHeld;
+        HANDLE file;
+        ASSERT_EQ(open(file, u"\\??\\Device"), STATUS_SUCCESS);
+        std::array<IO_STATUS_BLOCK, 8> results{};
+        for (IO_STATUS_BLOCK& result : results) {
+            EXPECT_EQ(ZwDeviceIoControlFile(file, nullptr, nullptr, nullptr, &result,
+                                            IOCTL_KS_PROPERTY, nullptr, 0, nullptr, 0),
+                      STATUS_PENDING);
+        }
+        IO_STATUS_BLOCK cancelled;
+        EXPECT_EQ(ZwCancelIoFile(file, &cancelled), STATUS_SUCCESS);
+        for (const IO_STATUS_BLOCK& result : results) {
+            EXPECT_EQ(result.Status, STATUS_CANCELLED);
+        }
+        ZwClose(file);
     }
     machine.end();
     EXPECT_TRUE(machine.breaches().empty()) << machine.breaches()[0].report();

@@ -99,11 +99,24 @@ inline NTSTATUS NTAPI keepIrp(PDEVICE_OBJECT, PIRP, PVOID) {
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
-// An IRP of the caller's own that comes back to it.
-inline IRP* ownIrp(CCHAR locations = 1) {
-    IRP* irp = IoAllocateIrp(locations, FALSE);
+// A request for the next driver that comes back to its sender.
+inline void prepare(IRP* irp) {
     IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_INTERNAL_DEVICE_CONTROL;
     IoSetCompletionRoutine(irp, keepIrp, nullptr, TRUE, TRUE, TRUE);
+}
+
+// An IRP of the caller's own.
+inline IRP* ownIrp(CCHAR locations = 1) {
+    IRP* irp = IoAllocateIrp(locations, FALSE);
+    prepare(irp);
+    return irp;
+}
+// The same in pool memory of the caller's.
+inline IRP* pooledIrp(CCHAR locations = 1) {
+    auto* irp =
+        static_cast<IRP*>(ExAllocatePoolWithTag(NonPagedPool, IoSizeOfIrp(locations), 'tseT'));
+    IoInitializeIrp(irp, IoSizeOfIrp(locations), locations);
+    prepare(irp);
     return irp;
 }
 
