@@ -23,12 +23,13 @@ namespace {
 
 constexpr ULONG kTag = 'I' | 'o' << 8 | 'W' << 16 | 'I' << 24;
 
-void queueItem(WORK_QUEUE_ITEM& item, const char* routine) {
+void queueItem(
+    WORK_QUEUE_ITEM& item, const char* routine, const std::function<void()>& fill = [] {}) {
     irqlAtMost(DISPATCH_LEVEL, routine);
     if (!accessible(&item, "the work item", routine)) {
         return;
     }
-    if (!Machine::current().workQueue().queue(item)) {
+    if (!Machine::current().workQueue().queue(item, fill)) {
         breach(Rule::ObjectInUse, routine,
                fmt::format("work item {} is queued already", fmt::ptr(&item)));
     }
@@ -49,9 +50,14 @@ void NTAPI runItem(void* parameter) {
     ObfDereferenceObject(object);
 }
 
-void start(PIO_WORKITEM item, const char* routine) {
-    ObfReferenceObject(item->object);
-    queueItem(item->item, routine);
+void start(PIO_WORKITEM item, PIO_WORKITEM_ROUTINE plain, PIO_WORKITEM_ROUTINE_EX extended,
+           void* context, const char* routine) {
+    queueItem(item->item, routine, [=] {
+        ObfReferenceObject(item->object);
+        item->routine = plain;
+        item->routineEx = extended;
+        item->context = context;
+    });
 }
 
 } // namespace
@@ -97,17 +103,11 @@ void NTAPI IoUninitializeWorkItem(PIO_WORKITEM IoWorkItem) {
 
 void NTAPI IoQueueWorkItem(PIO_WORKITEM IoWorkItem, PIO_WORKITEM_ROUTINE WorkerRoutine,
                            WORK_QUEUE_TYPE, PVOID Context) {
-    IoWorkItem->routine = WorkerRoutine;
-    IoWorkItem->routineEx = nullptr;
-    IoWorkItem->context = Context;
-    start(IoWorkItem, __func__);
+    start(IoWorkItem, WorkerRoutine, nullptr, Context, __func__);
 }
 
 void NTAPI IoQueueWorkItemEx(PIO_WORKITEM IoWorkItem, PIO_WORKITEM_ROUTINE_EX WorkerRoutine,
                              WORK_QUEUE_TYPE, PVOID Context) {
-    IoWorkItem->routine = nullptr;
-    IoWorkItem->routineEx = WorkerRoutine;
-    IoWorkItem->context = Context;
-    start(IoWorkItem, __func__);
+    start(IoWorkItem, nullptr, WorkerRoutine, Context, __func__);
 }
 }

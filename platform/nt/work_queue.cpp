@@ -25,7 +25,7 @@ WorkQueue::WorkQueue(Machine& machine) : m_machine(machine) {
 
 WorkQueue::~WorkQueue() = default;
 
-bool WorkQueue::queue(WORK_QUEUE_ITEM& item) {
+bool WorkQueue::queue(WORK_QUEUE_ITEM& item, const std::function<void()>& fill) {
     Worker* idle = nullptr;
     Worker* made = nullptr;
     {
@@ -33,6 +33,7 @@ bool WorkQueue::queue(WORK_QUEUE_ITEM& item) {
         if (item.List.Flink != nullptr) {
             return false;
         }
+        fill();
         InsertTailList(&m_items, &item.List);
         if (!m_idle.empty()) {
             idle = m_idle.back();

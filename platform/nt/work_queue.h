@@ -20,8 +20,10 @@ public:
     explicit WorkQueue(Machine& machine);
     ~WorkQueue();
 
-    // Links the item in by its List. False when it is queued already.
-    bool queue(WORK_QUEUE_ITEM& item);
+    // Links the item in by its List, once `fill` has made it what the caller wants. False when it
+    // is queued already: it stays as it is.
+    bool queue(
+        WORK_QUEUE_ITEM& item, const std::function<void()>& fill = [] {});
     // What is queued between the two addresses.
     std::optional<std::string> inUse(const std::byte* begin, const std::byte* end);
     // Lets the workers finish what is queued, and ends them.
