@@ -27,27 +27,44 @@ bool hasRoom(const DEVICE_OBJECT* device, const IRP* irp, const char* routine) {
     return left > 0;
 }
 
-// What the routine returned must agree with what it did to the IRP.
-void checkReturn(const CallFrame& frame, NTSTATUS status, const void* routine) {
-    if (frame.forwarded) {
-        return; // the status is what the driver below returned, or will be known later
+// An IRP on its way goes down from the device that has it. At that device or above it, its owner
+// sends it again.
+bool goesDown(const DEVICE_OBJECT* target, const IRP* irp, const IrpState& state) {
+    if (!state.sent || irp->CurrentLocation > irp->StackCount) {
+        return true;
     }
-    const bool completed = frame.completed || frame.gone;
+    const DEVICE_OBJECT* holder = irp->Tail.Overlay.CurrentStackLocation->DeviceObject;
+    for (const DEVICE_OBJECT* device = target; device != nullptr;
+         device = linksOf(device).attachedTo) {
+        if (device == holder) {
+            breach(Rule::IrpState, "IoCallDriver",
+                   fmt::format("IRP {} is sent again while it is on its way", fmt::ptr(irp)));
+            return false;
+        }
+    }
+    return true;
+}
+
+// What the routine returned must agree with what it did to the IRP. Of one that it passed on, the
+// status may be known later.
+void checkReturn(const CallFrame& frame, NTSTATUS status, const void* routine) {
+    const bool over = frame.completed || frame.gone;
     std::string fault;
     Rule rule = Rule::IrpPending;
-    if (status == STATUS_PENDING && frame.marked) {
-        return;
-    }
-    if (status == STATUS_PENDING && (frame.completed || !frame.gone)) {
-        fault = "returned STATUS_PENDING for an IRP that it had not marked pending";
-    } else if (status != STATUS_PENDING && frame.marked) {
+    if (status == STATUS_PENDING) {
+        if (!frame.marked && (frame.completed || (!frame.gone && !frame.forwarded))) {
+            fault = "returned STATUS_PENDING for an IRP that it had not marked pending";
+        }
+    } else if (frame.marked) {
         fault =
             fmt::format("marked the IRP pending and returned {:#x}", static_cast<ULONG>(status));
-    } else if (status != STATUS_PENDING && !completed) {
+    } else if (frame.forwarded) {
+        return;
+    } else if (!over) {
         rule = Rule::IrpState;
         fault =
             fmt::format("returned {:#x} without completing the IRP", static_cast<ULONG>(status));
-    } else if (frame.completed && status != STATUS_PENDING && status != frame.status) {
+    } else if (frame.completed && status != frame.status) {
         rule = Rule::IrpStatus;
         fault = fmt::format("completed the IRP with {:#x} and returned {:#x}",
                             static_cast<ULONG>(frame.status), static_cast<ULONG>(status));
@@ -96,6 +113,20 @@ bool mayComplete(IRP* irp, const IrpState& state, const char* routine) {
     return true;
 }
 
+// Whoever above gets the IRP back must know that it was pending.
+void passPendingUp(IRP* irp, bool atTop, PIO_COMPLETION_ROUTINE routine) {
+    if (atTop || !Machine::current().irps().known(irp) || irp->PendingReturned == FALSE ||
+        (IoGetCurrentIrpStackLocation(irp)->Control & SL_PENDING_RETURNED) != 0) {
+        return;
+    }
+    if (routine != nullptr) {
+        breach(Rule::IrpPending, "IoCompleteRequest",
+               fmt::format("the completion routine {} did not mark the IRP pending, which it was",
+                           describeAddress(reinterpret_cast<const void*>(routine))));
+    }
+    IoMarkIrpPending(irp);
+}
+
 // One step up the stack. True when the IRP is somebody else's from here on.
 bool stepUp(IRP* irp, IrpState& state, Thread& self) {
     IO_STACK_LOCATION& location = *IoGetCurrentIrpStackLocation(irp);
@@ -109,9 +140,7 @@ bool stepUp(IRP* irp, IrpState& state, Thread& self) {
     irp->Tail.Overlay.CurrentStackLocation++;
     const bool atTop = irp->CurrentLocation > irp->StackCount;
     if (!wantsCompletion(irp, control)) {
-        if (irp->PendingReturned != FALSE && !atTop) {
-            IoMarkIrpPending(irp);
-        }
+        passPendingUp(irp, atTop, nullptr);
         return false;
     }
     DEVICE_OBJECT* device = atTop ? nullptr : IoGetCurrentIrpStackLocation(irp)->DeviceObject;
@@ -124,7 +153,11 @@ bool stepUp(IRP* irp, IrpState& state, Thread& self) {
                                      reinterpret_cast<const void*>(routine));
         status = routine(device, irp, context);
     }
-    return status == STATUS_MORE_PROCESSING_REQUIRED;
+    if (status == STATUS_MORE_PROCESSING_REQUIRED) {
+        return true;
+    }
+    passPendingUp(irp, atTop, routine);
+    return false;
 }
 
 } // namespace
@@ -136,7 +169,8 @@ NTSTATUS NTAPI IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     irqlAtMost(DISPATCH_LEVEL, kName);
     IrpTable& irps = Machine::current().irps();
     IrpState* state = irps.find(Irp, kName);
-    if (state == nullptr || !isDevice(DeviceObject, kName) || !hasRoom(DeviceObject, Irp, kName)) {
+    if (state == nullptr || !isDevice(DeviceObject, kName) ||
+        !goesDown(DeviceObject, Irp, *state) || !hasRoom(DeviceObject, Irp, kName)) {
         return STATUS_INVALID_PARAMETER;
     }
     CallFrame frame;

@@ -14,6 +14,27 @@ NTSTATUS NTAPI letPass(PDEVICE_OBJECT, PIRP, PVOID) {
     return STATUS_SUCCESS;
 }
 
+// Calls `use` with an MDL of 64 bytes, and frees it.
+void withMdl(const std::function<void(MDL*)>& use) {
+    char bytes[64];
+    MDL* mdl = IoAllocateMdl(bytes, sizeof(bytes), FALSE, FALSE, nullptr);
+    use(mdl);
+    IoFreeMdl(mdl);
+}
+
+// Sends an IRP to a device on top of another, and brings it back if neither did.
+void throughTwo(const TestDevice::Dispatch& lower,
+                const std::function<NTSTATUS(IRP*, DEVICE_OBJECT*)>& upper) {
+    TestDevice below(lower);
+    TestDevice above([&](IRP* irp) { return upper(irp, below.object()); }, below.object());
+    IRP* irp = ownIrp(2);
+    IoCallDriver(above.object(), irp);
+    if (irp->CurrentLocation <= irp->StackCount) {
+        complete(irp, STATUS_SUCCESS);
+    }
+    IoFreeIrp(irp);
+}
+
 const RuleCase kObjectCases[] = {
     {"taken twice", Rule::SpinLock, "KeAcquireSpinLockAtDpcLevel",
      [] {
@@ -38,6 +59,13 @@ const RuleCase kObjectCases[] = {
          KSPIN_LOCK lock = 0;
          KeLowerIrql(KeAcquireSpinLockRaiseToDpc(&lock));
          atDispatch([&] { KeReleaseSpinLockFromDpcLevel(&lock); });
+     }},
+    {"released to a level that it was not taken at", Rule::SpinLock, "KeReleaseSpinLock",
+     [] {
+         KSPIN_LOCK lock = 0;
+         const KIRQL before = KeAcquireSpinLockRaiseToDpc(&lock);
+         KeReleaseSpinLock(&lock, DISPATCH_LEVEL + 1);
+         KeLowerIrql(before);
      }},
     {"never initialised", Rule::SpinLock, "KeAcquireSpinLockRaiseToDpc",
      [] {
@@ -93,6 +121,36 @@ const RuleCase kObjectCases[] = {
          KEVENT event;
          ObDereferenceObject(&event);
      }},
+    {"MDL locked twice", Rule::Object, "MmProbeAndLockPages",
+     [] {
+         withMdl([](MDL* mdl) {
+             MmProbeAndLockPages(mdl, KernelMode, IoReadAccess);
+             MmProbeAndLockPages(mdl, KernelMode, IoReadAccess);
+             MmUnlockPages(mdl);
+         });
+     }},
+    {"MDL unlocked unlocked", Rule::Object, "MmUnlockPages",
+     [] {
+         withMdl(MmUnlockPages);
+     }},
+    {"MDL freed with its pages locked", Rule::Object, "IoFreeMdl",
+     [] {
+         withMdl([](MDL* mdl) { MmProbeAndLockPages(mdl, KernelMode, IoReadAccess); });
+     }},
+    {"MDL mapped without its pages locked", Rule::Object, "MmMapLockedPagesSpecifyCache",
+     [] {
+         withMdl([](MDL* mdl) {
+             MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE,
+                                          NormalPagePriority);
+         });
+     }},
+    {"part outside of its MDL", Rule::Object, "IoBuildPartialMdl",
+     [] {
+         withMdl([](MDL* mdl) {
+             char* start = static_cast<char*>(MmGetMdlVirtualAddress(mdl));
+             withMdl([&](MDL* part) { IoBuildPartialMdl(mdl, part, start + 65, 1); });
+         });
+     }},
     {"handle closed twice", Rule::Handle, "ZwClose",
      [] {
          HANDLE event;
@@ -102,10 +160,14 @@ const RuleCase kObjectCases[] = {
      }},
     {"device deleted twice", Rule::Device, "IoDeleteDevice",
      [] {
-         TestDevice device(completeAtOnce);
-         ObReferenceObject(device.object());
-         DEVICE_OBJECT* other = device.object();
-         IoDeleteDevice(other); // and again with the test's own device
+         DEVICE_OBJECT* object;
+         {
+             TestDevice device(completeAtOnce);
+             object = device.object();
+             ObReferenceObject(object);
+             IoDeleteDevice(object); // and again with the test's own device
+         }
+         ObDereferenceObject(object);
      }},
     {"device deleted while attached", Rule::Device, "IoDeleteDevice",
      [] {
@@ -128,6 +190,20 @@ const RuleCase kObjectCases[] = {
              return static_cast<NTSTATUS>(STATUS_SUCCESS);
          };
          EXPECT_EQ(startDevice(pdo.driver(), pdo.object()), STATUS_SUCCESS);
+     }},
+    {"driver unloaded with a device", Rule::Device, "unloadDriver",
+     [] {
+         DRIVER_OBJECT* driver = makeDriver(u"Unloaded");
+         DEVICE_OBJECT* device;
+         IoCreateDevice(driver, 0, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
+         unloadDriver(driver);
+         IoDeleteDevice(device);
+     }},
+    {"still attached after its removal", Rule::Device, "removeDevice",
+     [] {
+         TestDevice pdo(completeAtOnce);
+         TestDevice above(completeAtOnce, pdo.object());
+         EXPECT_EQ(removeDevice(pdo.object()), STATUS_SUCCESS);
      }},
     {"nothing left to wait for", Rule::Deadlock, "KeWaitForSingleObject",
      [] {
@@ -165,6 +241,39 @@ const RuleCase kIrpCases[] = {
     {"reused on its way", Rule::IrpState, "IoReuseIrp",
      [] {
          withIrpInFlight([](IRP* irp) { IoReuseIrp(irp, STATUS_SUCCESS); });
+     }},
+    {"initialised on its way", Rule::IrpState, "IoInitializeIrp",
+     [] {
+         TestDevice device(keepPending);
+         IRP* irp = pooledIrp();
+         IoCallDriver(device.object(), irp);
+         IoInitializeIrp(irp, IoSizeOfIrp(1), 1);
+         complete(irp, STATUS_SUCCESS);
+         ExFreePool(irp);
+     }},
+    {"sent again on its way", Rule::IrpState, "IoCallDriver",
+     [] {
+         TestDevice device(keepPending);
+         IRP* irp = ownIrp(2); // with room for it
+         IoCallDriver(device.object(), irp);
+         EXPECT_FALSE(NT_SUCCESS(IoCallDriver(device.object(), irp)));
+         complete(irp, STATUS_SUCCESS);
+         IoFreeIrp(irp);
+     }},
+    {"sent again on its way through a stack", Rule::IrpState, "IoCallDriver",
+     [] {
+         TestDevice below(keepPending);
+         TestDevice above(
+             [&](IRP* irp) {
+                 IoSkipCurrentIrpStackLocation(irp);
+                 return IoCallDriver(below.object(), irp);
+             },
+             below.object());
+         IRP* irp = ownIrp(3);
+         IoCallDriver(above.object(), irp);
+         EXPECT_FALSE(NT_SUCCESS(IoCallDriver(above.object(), irp)));
+         complete(irp, STATUS_SUCCESS);
+         IoFreeIrp(irp);
      }},
     {"freed twice", Rule::IrpState, "IoFreeIrp",
      [] {
@@ -261,35 +370,76 @@ const RuleCase kIrpCases[] = {
              return complete(irp, STATUS_SUCCESS);
          });
      }},
+    {"marked, passed on, and not pending", Rule::IrpPending, "IoCallDriver",
+     [] {
+         throughTwo(completeAtOnce, [](IRP* irp, DEVICE_OBJECT* below) {
+             IoMarkIrpPending(irp);
+             IoCopyCurrentIrpStackLocationToNext(irp);
+             return IoCallDriver(below, irp);
+         });
+     }},
+    {"passed on, over, and pending unmarked", Rule::IrpPending, "IoCallDriver",
+     [] {
+         throughTwo(completeAtOnce, [](IRP* irp, DEVICE_OBJECT* below) {
+             IoCopyCurrentIrpStackLocationToNext(irp);
+             IoCallDriver(below, irp);
+             return STATUS_PENDING;
+         });
+     }},
+    {"completion routine keeps pending to itself", Rule::IrpPending, "IoCompleteRequest",
+     [] {
+         throughTwo(keepPending, [](IRP* irp, DEVICE_OBJECT* below) {
+             IoCopyCurrentIrpStackLocationToNext(irp);
+             IoSetCompletionRoutine(irp, letPass, nullptr, TRUE, TRUE, TRUE);
+             return IoCallDriver(below, irp);
+         });
+     }},
 };
 
 // What a test leaves behind on purpose; the machine's destructor names it.
 const RuleCase kEndCases[] = {
     {"pool block", Rule::LeftOver, "~Machine",
-     [] { ExAllocatePoolWithTag(NonPagedPool, 64, kTestTag); }, true},
-    {"IRP", Rule::LeftOver, "~Machine", [] { ownIrp(); }, true},
+     [] {
+         ExAllocatePoolWithTag(NonPagedPool, 64, kTestTag);
+     }},
+    {"IRP", Rule::LeftOver, "~Machine",
+     [] {
+         ownIrp();
+     }},
     {"work item", Rule::LeftOver, "~Machine",
      [] {
          TestDevice device(completeAtOnce);
          IoAllocateWorkItem(device.object());
-     },
-     true},
+     }},
     {"timer", Rule::LeftOver, "~Machine",
      [] {
          static KTIMER s_timer;
          KeInitializeTimer(&s_timer);
          KeSetTimer(&s_timer, milliseconds(10), nullptr);
-     },
-     true},
+     }},
+    {"handle", Rule::LeftOver, "~Machine",
+     [] {
+         HANDLE event;
+         ZwCreateEvent(&event, EVENT_ALL_ACCESS, nullptr, NotificationEvent, FALSE);
+     }},
+    {"device object", Rule::LeftOver, "~Machine",
+     [] {
+         DEVICE_OBJECT* device;
+         IoCreateDevice(makeDriver(u"Left"), 0, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
+     }},
     {"clock event", Rule::LeftOver, "~Machine",
-     [] { Machine::current().scheduler().at(kSecond, [] {}); }, true},
-    {"spin lock", Rule::LeftOver, "~Machine",
+     [] {
+         Machine::current().scheduler().at(kSecond, [] {});
+     }},
+    {"spin lock",
+     Rule::LeftOver,
+     "~Machine",
      [] {
          static KSPIN_LOCK s_lock;
          KeInitializeSpinLock(&s_lock);
          KeLowerIrql(KeAcquireSpinLockRaiseToDpc(&s_lock));
      },
-     true},
+     {Rule::SpinLock}},
     {"thread", Rule::LeftOver, "~Machine",
      [] {
          static KEVENT s_event;
@@ -297,8 +447,7 @@ const RuleCase kEndCases[] = {
          HANDLE thread;
          PsCreateSystemThread(&thread, 0, nullptr, nullptr, nullptr, waitFor, &s_event);
          ZwClose(thread);
-     },
-     true},
+     }},
 };
 
 TEST_P(KernelRule, IsReportedByRuleAndRoutine) {

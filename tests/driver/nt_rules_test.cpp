@@ -6,13 +6,6 @@
 namespace kelvane::nt {
 namespace {
 
-void atApc(const std::function<void()>& call) {
-    KIRQL before;
-    KeRaiseIrql(APC_LEVEL, &before);
-    call();
-    KeLowerIrql(before);
-}
-
 // Writes where nobody may, unseen by AddressSanitizer: the pool itself is to notice.
 [[gnu::noinline, gnu::no_sanitize("address")]] void scribble(volatile char* at) {
     *at = 'x';
@@ -43,60 +36,14 @@ KTIMER* setTimer(void* memory) {
 }
 
 const RuleCase kIrqlCases[] = {
-    {"wide text printed", Rule::IrqlLimit, "DbgPrint",
-     [] {
-         atDispatch([] { DbgPrint("%S\n", L"text"); });
-     }},
-    {"delay", Rule::IrqlLimit, "KeDelayExecutionThread",
-     [] {
-         atDispatch([] { sleep(1); });
-     }},
-    {"fast mutex", Rule::IrqlLimit, "ExAcquireFastMutex",
-     [] {
-         FAST_MUTEX mutex;
-         ExInitializeFastMutex(&mutex);
-         atDispatch([&] { ExAcquireFastMutex(&mutex); });
-     }},
-    {"key opened", Rule::IrqlLimit, "ZwOpenKey",
-     [] {
-         UNICODE_STRING path;
-         RtlInitUnicodeString(&path, L"\\Registry\\Machine");
-         OBJECT_ATTRIBUTES attributes;
-         InitializeObjectAttributes(&attributes, &path, 0, nullptr, nullptr);
-         HANDLE key;
-         atApc([&] { EXPECT_FALSE(NT_SUCCESS(ZwOpenKey(&key, KEY_READ, &attributes))); });
-     }},
-    {"synchronous request built", Rule::IrqlLimit, "IoBuildDeviceIoControlRequest",
-     [] {
-         TestDevice device(completeAtOnce);
-         KEVENT event;
-         KeInitializeEvent(&event, NotificationEvent, FALSE);
-         IO_STATUS_BLOCK result;
-         IRP* irp = nullptr;
-         atApc([&] {
-             irp = IoBuildDeviceIoControlRequest(0x220003, device.object(), nullptr, 0, nullptr, 0,
-                                                 TRUE, &event, &result);
-         });
-         IoCallDriver(device.object(), irp);
-     }},
-    {"DPCs flushed", Rule::IrqlLimit, "KeFlushQueuedDpcs",
-     [] {
-         atApc(KeFlushQueuedDpcs);
-     }},
-    {"event set above DISPATCH_LEVEL", Rule::IrqlLimit, "KeSetEvent",
-     [] {
-         KEVENT event;
-         KeInitializeEvent(&event, NotificationEvent, FALSE);
-         KIRQL before;
-         KeRaiseIrql(HIGH_LEVEL, &before);
-         KeSetEvent(&event, 0, FALSE);
-         KeLowerIrql(before);
-     }},
     {"no such level", Rule::IrqlLimit, "KeRaiseIrql",
      [] {
          KfRaiseIrql(31);
      }},
-    {"left raised", Rule::IrqlLimit, "~Machine", [] { KfRaiseIrql(APC_LEVEL); }, true},
+    {"left raised", Rule::IrqlLimit, "~Machine",
+     [] {
+         KfRaiseIrql(APC_LEVEL);
+     }},
     {"DPC", Rule::IrqlChanged, "DPC",
      [] {
          KDPC dpc;
@@ -245,8 +192,7 @@ const RuleCase kMemoryCases[] = {
          char* memory = block();
          ExFreePool(memory);
          scribble(memory + 63);
-     },
-     true},
+     }},
     {"timer that is set", Rule::ObjectInUse, "ExFreePool",
      [] {
          char* memory = block(2 * sizeof(KTIMER));
@@ -301,7 +247,16 @@ const RuleCase kMemoryCases[] = {
          TestDevice device(completeAtOnce);
          PIO_WORKITEM item = IoAllocateWorkItem(device.object());
          IoQueueWorkItem(item, workNothing, DelayedWorkQueue, nullptr);
+         IoQueueWorkItem(item, workRaises, DelayedWorkQueue, nullptr); // and never runs
+         sleep(1);
+         IoFreeWorkItem(item);
+     }},
+    {"work item uninitialised in the queue", Rule::ObjectInUse, "IoUninitializeWorkItem",
+     [] {
+         TestDevice device(completeAtOnce);
+         PIO_WORKITEM item = IoAllocateWorkItem(device.object());
          IoQueueWorkItem(item, workNothing, DelayedWorkQueue, nullptr);
+         IoUninitializeWorkItem(item);
          sleep(1);
          IoFreeWorkItem(item);
      }},
@@ -319,13 +274,8 @@ const RuleCase kMemoryCases[] = {
      }},
     {"IRP on its way", Rule::ObjectInUse, "ExFreePool",
      [] {
-         TestDevice device([](IRP* irp) {
-             IoMarkIrpPending(irp);
-             return STATUS_PENDING;
-         });
-         auto* irp = reinterpret_cast<IRP*>(block(IoSizeOfIrp(1)));
-         IoInitializeIrp(irp, IoSizeOfIrp(1), 1);
-         IoSetCompletionRoutine(irp, keepIrp, nullptr, TRUE, TRUE, TRUE);
+         TestDevice device(keepPending);
+         IRP* irp = pooledIrp();
          IoCallDriver(device.object(), irp);
          ExFreePool(irp);
          complete(irp, STATUS_SUCCESS);
