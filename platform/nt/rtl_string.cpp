@@ -144,6 +144,7 @@ BOOLEAN NTAPI RtlEqualUnicodeString(CONST UNICODE_STRING* String1, CONST UNICODE
 }
 
 WCHAR NTAPI RtlUpcaseUnicodeChar(WCHAR SourceCharacter) {
+    irqlExactly(PASSIVE_LEVEL);
     return static_cast<WCHAR>(upcase(static_cast<char16_t>(SourceCharacter)));
 }
 
@@ -195,6 +196,7 @@ NTSTATUS NTAPI RtlAnsiStringToUnicodeString(PUNICODE_STRING DestinationString,
 }
 
 NTSTATUS NTAPI RtlIntegerToUnicodeString(ULONG Value, ULONG Base, PUNICODE_STRING String) {
+    irqlExactly(PASSIVE_LEVEL);
     if (Base == 0) {
         Base = 10;
     }

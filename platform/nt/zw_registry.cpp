@@ -18,10 +18,14 @@ namespace {
 
 using KeyPointer = std::shared_ptr<RegistryKey>;
 
-// Reference to a handle's key for the length of one call.
+// Reference to a handle's key for the length of one call, which needs PASSIVE_LEVEL.
 class HeldKey {
 public:
     HeldKey(HANDLE handle, ACCESS_MASK access, const char* routine) {
+        if (!irqlExactly(PASSIVE_LEVEL, routine)) {
+            m_status = STATUS_UNSUCCESSFUL;
+            return;
+        }
         m_status = Machine::current().objects().referenceByHandle(handle, &kKeyType, access,
                                                                   &m_body, nullptr, routine);
         if (NT_SUCCESS(m_status) && key()->deleted) {
@@ -191,9 +195,6 @@ NTSTATUS NTAPI ZwCreateKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess,
 NTSTATUS NTAPI ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
                                KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass,
                                PVOID KeyValueInformation, ULONG Length, PULONG ResultLength) {
-    if (!irqlExactly(PASSIVE_LEVEL)) {
-        return STATUS_UNSUCCESSFUL;
-    }
     const HeldKey held(KeyHandle, KEY_QUERY_VALUE, __func__);
     if (!NT_SUCCESS(held.status())) {
         return held.status();
@@ -249,9 +250,6 @@ NTSTATUS NTAPI ZwQueryKey(HANDLE KeyHandle, KEY_INFORMATION_CLASS KeyInformation
 
 NTSTATUS NTAPI ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName, ULONG, ULONG Type,
                              PVOID Data, ULONG DataSize) {
-    if (!irqlExactly(PASSIVE_LEVEL)) {
-        return STATUS_UNSUCCESSFUL;
-    }
     const HeldKey held(KeyHandle, KEY_SET_VALUE, __func__);
     if (!NT_SUCCESS(held.status())) {
         return held.status();
@@ -269,9 +267,6 @@ NTSTATUS NTAPI ZwSetValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName, ULONG,
 }
 
 NTSTATUS NTAPI ZwDeleteValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName) {
-    if (!irqlExactly(PASSIVE_LEVEL)) {
-        return STATUS_UNSUCCESSFUL;
-    }
     const HeldKey held(KeyHandle, KEY_SET_VALUE, __func__);
     if (!NT_SUCCESS(held.status())) {
         return held.status();
@@ -287,9 +282,6 @@ NTSTATUS NTAPI ZwDeleteValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName) {
 }
 
 NTSTATUS NTAPI ZwDeleteKey(HANDLE KeyHandle) {
-    if (!irqlExactly(PASSIVE_LEVEL)) {
-        return STATUS_UNSUCCESSFUL;
-    }
     const HeldKey held(KeyHandle, DELETE, __func__);
     if (!NT_SUCCESS(held.status())) {
         return held.status();
