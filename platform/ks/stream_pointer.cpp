@@ -157,9 +157,7 @@ NTSTATUS StreamQueue::clone(StreamPointer& original, PFNKSSTREAMPOINTER cancelle
             made->told = false;
             made->ks.Offset =
                 pin->DataFlow == KSPIN_DATAFLOW_IN ? &made->ks.OffsetIn : &made->ks.OffsetOut;
-            if (contextBytes != 0) {
-                made->ks.Context = made + 1;
-            }
+            made->ks.Context = contextBytes != 0 ? made + 1 : nullptr;
             ++made->frame->clones;
             InsertTailList(&clones, &made->link);
             return STATUS_SUCCESS;

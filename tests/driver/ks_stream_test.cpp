@@ -335,6 +335,10 @@ TEST_F(KsStream, HoldsFramesThatClonesStandOn) {
     pointer = leading(m_ks);
     ASSERT_EQ(STATUS_SUCCESS, KsStreamPointerClone(pointer, onCloneCancelled, 0, &two));
     EXPECT_NE(nullptr, one->Context);
+    PKSSTREAM_POINTER plain = nullptr;
+    ASSERT_EQ(STATUS_SUCCESS, KsStreamPointerClone(one, nullptr, 0, &plain));
+    EXPECT_EQ(nullptr, plain->Context) << "not the original's";
+    KsStreamPointerDelete(plain);
     EXPECT_EQ(one, KsPinGetFirstCloneStreamPointer(m_ks));
     EXPECT_EQ(two, KsStreamPointerGetNextClone(one));
     EXPECT_EQ(nullptr, KsStreamPointerGetNextClone(two));
