@@ -57,9 +57,16 @@ void Processing::attempt(bool asynchronous) {
     }
 }
 
+// False when the last user has gone: the pin may be gone by the time that a worker runs.
+bool Processing::addUser() {
+    LONG users = m_users;
+    while (users != 0 && !m_users.compare_exchange_weak(users, users + 1)) {
+    }
+    return users != 0;
+}
+
 void Processing::queueWorker() {
-    if (!m_queued.exchange(true)) {
-        ++m_users;
+    if (!m_queued.exchange(true) && addUser()) {
         ExQueueWorkItem(&m_worker, queueFor(m_flags));
     }
 }

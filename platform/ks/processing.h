@@ -38,6 +38,7 @@ private:
     bool letGo();
     void run();
     void runRoutine();
+    bool addUser();
     void queueWorker();
     static VOID NTAPI work(PVOID context);
 

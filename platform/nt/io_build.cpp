@@ -123,7 +123,6 @@ void finishIrp(IRP* irp, IrpState& state) {
     KEVENT* event = state.event;
     const bool eventReferenced = state.eventReferenced;
     FILE_OBJECT* file = state.file;
-    dropIrp(irp);
     // A request that fails before it was ever pending tells its sender through the returned status
     // alone.
     if (!failedAtOnce) {
@@ -138,6 +137,8 @@ void finishIrp(IRP* irp, IrpState& state) {
             KeSetEvent(&file->Event, IO_NO_INCREMENT, FALSE);
         }
     }
+    // Not before the results stand: who cancels a file's requests waits until there are none.
+    dropIrp(irp);
     if (eventReferenced) {
         ObfDereferenceObject(event);
     }

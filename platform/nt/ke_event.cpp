@@ -33,13 +33,17 @@ bool isEvent(const KEVENT* event, const char* routine) {
                              {kNotificationEventObject, kSynchronizationEventObject}, routine);
 }
 
-LONG setEvent(KEVENT& event) {
+// `pulse` ends the waits of now only.
+LONG setEvent(KEVENT& event, bool pulse = false) {
     Dispatcher& dispatcher = Machine::current().dispatcher();
     const auto guard = dispatcher.lock();
     const LONG before = event.Header.SignalState;
     event.Header.SignalState = 1;
     if (before == 0) {
         dispatcher.signal(event.Header);
+    }
+    if (pulse) {
+        event.Header.SignalState = 0;
     }
     return before;
 }
@@ -81,12 +85,7 @@ void NTAPI KeClearEvent(PRKEVENT Event) {
 
 LONG NTAPI KePulseEvent(PRKEVENT Event, KPRIORITY, BOOLEAN) {
     irqlAtMost(DISPATCH_LEVEL);
-    if (!isEvent(Event, __func__)) {
-        return 0;
-    }
-    const LONG before = setEvent(*Event);
-    resetEvent(*Event);
-    return before;
+    return isEvent(Event, __func__) ? setEvent(*Event, true) : 0;
 }
 
 LONG NTAPI KeReadStateEvent(PRKEVENT Event) {

@@ -20,6 +20,7 @@ namespace kelvane::nt {
 namespace {
 
 std::atomic<Machine*> s_current{nullptr};
+std::atomic<std::uint64_t> s_serial{0};
 
 std::unique_ptr<Scheduler> makeScheduler(Machine& machine, ClockKind kind) {
     if (kind == ClockKind::Real) {
@@ -49,11 +50,11 @@ struct Machine::Parts {
     std::unique_ptr<Scheduler> scheduler;
     WorkQueue workQueue;
     Plug plug;
-    std::mutex servicesMutex;
+    std::recursive_mutex servicesMutex;
     std::vector<std::pair<std::type_index, std::unique_ptr<Service>>> services;
 };
 
-Machine::Machine(MachineOptions options) {
+Machine::Machine(MachineOptions options) : m_serial(++s_serial) {
     Machine* none = nullptr;
     if (!s_current.compare_exchange_strong(none, this)) {
         std::fputs("there is a machine already, and a process has room for one\n", stderr);
@@ -154,8 +155,11 @@ WorkQueue& Machine::workQueue() {
     return m_parts->workQueue;
 }
 
+std::unique_lock<std::recursive_mutex> Machine::lockServices() const {
+    return std::unique_lock(m_parts->servicesMutex);
+}
+
 Service* Machine::find(std::type_index type) const {
-    const std::scoped_lock guard(m_parts->servicesMutex);
     for (const auto& [known, service] : m_parts->services) {
         if (known == type) {
             return service.get();
@@ -165,7 +169,6 @@ Service* Machine::find(std::type_index type) const {
 }
 
 void Machine::add(std::type_index type, std::unique_ptr<Service> service) {
-    const std::scoped_lock guard(m_parts->servicesMutex);
     m_parts->services.emplace_back(type, std::move(service));
 }
 

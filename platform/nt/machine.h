@@ -15,8 +15,10 @@
 #include "platform/nt/scheduler.h"
 #include "platform/nt/trace.h"
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <typeindex>
 #include <vector>
 
@@ -61,7 +63,11 @@ public:
     Trace& trace();
     Rules& rules();
 
-    // The one T of this machine, made on first use with T(Machine&). Services are destroyed in the
+    // No other machine of the process has the same.
+    std::uint64_t serial() const { return m_serial; }
+
+    // The one T of this machine, made on first use with T(Machine&), which may ask for others but
+    // must not wait. Services are destroyed in the
     // reverse order of their making, before the machine checks what is left.
     template <class T>
     T& service();
@@ -75,15 +81,19 @@ public:
 
 private:
     struct Parts;
+    std::unique_lock<std::recursive_mutex> lockServices() const;
+    // With the lock held.
     Service* find(std::type_index type) const;
     void add(std::type_index type, std::unique_ptr<Service> service);
     void reportLeftOvers();
 
+    const std::uint64_t m_serial;
     std::unique_ptr<Parts> m_parts;
 };
 
 template <class T>
 T& Machine::service() {
+    const auto guard = lockServices();
     if (Service* found = find(typeid(T))) {
         return static_cast<T&>(*found);
     }

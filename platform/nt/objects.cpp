@@ -165,24 +165,45 @@ void ObjectManager::dropName(void* body) {
     }
 }
 
+namespace {
+
+// "\DosDevices\" is an old name of "\??\".
+std::u16string presentName(const std::u16string& path) {
+    constexpr std::u16string_view kOld = u"\\DOSDEVICES\\";
+    return upcase(path).starts_with(kOld) ? u"\\??\\" + path.substr(kOld.size()) : path;
+}
+
+} // namespace
+
 bool ObjectManager::addLink(const std::u16string& path, const std::u16string& target) {
     const std::scoped_lock guard(m_mutex);
-    const std::u16string key = upcase(path);
+    const std::u16string key = upcase(presentName(path));
     return !m_names.contains(key) && m_links.emplace(key, target).second;
 }
 
 bool ObjectManager::dropLink(const std::u16string& path) {
     const std::scoped_lock guard(m_mutex);
-    return m_links.erase(upcase(path)) != 0;
+    return m_links.erase(upcase(presentName(path))) != 0;
 }
 
-std::optional<ObjectManager::Resolved> ObjectManager::resolve(std::u16string_view path) const {
+namespace {
+
+// False when the last reference has gone and the object is being destroyed.
+bool referenceUnlessGone(ObjectHeader& header) {
+    long references = header.references;
+    while (references != 0 &&
+           !header.references.compare_exchange_weak(references, references + 1)) {
+    }
+    return references != 0;
+}
+
+} // namespace
+
+std::optional<ObjectManager::Resolved> ObjectManager::resolve(std::u16string_view path) {
     const std::scoped_lock guard(m_mutex);
     std::u16string rest(path);
     for (int links = 0; links < kMaxLinks; links++) {
-        if (upcase(std::u16string_view(rest).substr(0, 12)) == u"\\DOSDEVICES\\") {
-            rest = u"\\??\\" + rest.substr(12);
-        }
+        rest = presentName(rest);
         const std::u16string key = upcase(rest);
         std::size_t length = key.size();
         bool followed = false;
@@ -190,6 +211,9 @@ std::optional<ObjectManager::Resolved> ObjectManager::resolve(std::u16string_vie
         while (length != 0 && length != std::u16string::npos) {
             const std::u16string prefix = key.substr(0, length);
             if (const auto name = m_names.find(prefix); name != m_names.end()) {
+                if (!referenceUnlessGone(ObjectHeader::of(name->second))) {
+                    return std::nullopt;
+                }
                 return Resolved{name->second, rest.substr(length)};
             }
             if (const auto link = m_links.find(prefix); link != m_links.end()) {

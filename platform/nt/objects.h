@@ -70,13 +70,13 @@ public:
     void dropName(void* body);
     bool addLink(const std::u16string& path, const std::u16string& target);
     bool dropLink(const std::u16string& path);
-    // Follows links and returns the object whose path starts `path` (the longest), and the rest of
-    // the path after it, with its leading backslash.
+    // Follows links and returns the object whose path starts `path` (the longest) with a reference
+    // for the caller, and the rest of the path after it, with its leading backslash.
     struct Resolved {
         void* body = nullptr;
         std::u16string rest;
     };
-    std::optional<Resolved> resolve(std::u16string_view path) const;
+    std::optional<Resolved> resolve(std::u16string_view path);
 
     // The handle takes a reference of its own.
     HANDLE open(void* body, ACCESS_MASK access);

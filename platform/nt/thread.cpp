@@ -15,7 +15,7 @@ constexpr ULONG_PTR kSystemProcess = 4;
 constexpr ULONG_PTR kApplicationProcess = 0x1A2C;
 
 thread_local Thread* t_current = nullptr;
-thread_local const Machine* t_machine = nullptr; // whose thread t_current is
+thread_local std::uint64_t t_machine = 0; // serial of the one whose thread t_current is
 
 } // namespace
 
@@ -71,7 +71,7 @@ Thread* Thread::currentOrNull() {
     if (machine == nullptr) {
         return nullptr;
     }
-    if (t_machine == machine && t_current != nullptr) {
+    if (t_machine == machine->serial() && t_current != nullptr) {
         return t_current;
     }
     if (machine->scheduler().kind() == ClockKind::Virtual) {
@@ -97,7 +97,7 @@ Thread& Thread::current() {
 
 void Thread::setCurrent(Thread* thread) {
     t_current = thread;
-    t_machine = thread == nullptr ? nullptr : &thread->machine;
+    t_machine = thread == nullptr ? 0 : thread->machine.serial();
 }
 
 } // namespace kelvane::nt

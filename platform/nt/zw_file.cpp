@@ -76,8 +76,8 @@ void destroyFile(void* body) {
 }
 
 struct Target {
-    DEVICE_OBJECT* device = nullptr;
-    FILE_OBJECT* related = nullptr; // referenced
+    DEVICE_OBJECT* device = nullptr; // referenced
+    FILE_OBJECT* related = nullptr;  // likewise
     std::u16string name;
 };
 
@@ -94,6 +94,7 @@ NTSTATUS findTarget(const OBJECT_ATTRIBUTES& attributes, Target& target) {
         }
         target.related = static_cast<FILE_OBJECT*>(root);
         target.device = target.related->DeviceObject;
+        ObfReferenceObject(target.device);
         target.name = path;
         return STATUS_SUCCESS;
     }
@@ -102,6 +103,7 @@ NTSTATUS findTarget(const OBJECT_ATTRIBUTES& attributes, Target& target) {
         return STATUS_OBJECT_NAME_NOT_FOUND;
     }
     if (ObjectHeader::of(found->body).type != &kDeviceType) {
+        objects.dereference(found->body, "ZwCreateFile");
         return STATUS_OBJECT_TYPE_MISMATCH;
     }
     target.device = static_cast<DEVICE_OBJECT*>(found->body);
@@ -109,6 +111,7 @@ NTSTATUS findTarget(const OBJECT_ATTRIBUTES& attributes, Target& target) {
     return STATUS_SUCCESS;
 }
 
+// Takes over the target's references.
 FILE_OBJECT* makeFile(const Target& target, ACCESS_MASK access, ULONG share, ULONG options) {
     Machine& machine = Machine::current();
     auto* file =
@@ -116,7 +119,6 @@ FILE_OBJECT* makeFile(const Target& target, ACCESS_MASK access, ULONG share, ULO
     file->Type = IO_TYPE_FILE;
     file->Size = sizeof(FILE_OBJECT);
     file->DeviceObject = target.device;
-    ObfReferenceObject(target.device);
     InterlockedIncrement(&target.device->ReferenceCount);
     file->RelatedFileObject = target.related;
     file->ReadAccess = (access & (FILE_READ_DATA | GENERIC_READ)) != 0;

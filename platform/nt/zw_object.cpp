@@ -42,10 +42,13 @@ KEVENT* makeNamedEvent(const UNICODE_STRING* name, EVENT_TYPE type, HANDLE* hand
     Machine& machine = Machine::current();
     KEVENT* event = nullptr;
     const std::u16string path = name == nullptr ? u"" : copyString(*name);
-    if (const auto known = machine.objects().resolve(path); known && known->rest.empty()) {
-        event = static_cast<KEVENT*>(known->body);
-        *handle = machine.objects().open(event, EVENT_ALL_ACCESS);
-        return event;
+    if (const auto known = machine.objects().resolve(path)) {
+        if (known->rest.empty() && ObjectHeader::of(known->body).type == &kEventType) {
+            event = static_cast<KEVENT*>(known->body);
+            *handle = openEvent(event, EVENT_ALL_ACCESS);
+            return event;
+        }
+        machine.objects().dereference(known->body, "IoCreateNotificationEvent");
     }
     event = makeEvent(type, true);
     if (!path.empty()) {
@@ -88,6 +91,9 @@ NTSTATUS NTAPI ZwCreateEvent(PHANDLE EventHandle, ACCESS_MASK DesiredAccess, POB
 }
 
 NTSTATUS NTAPI ZwSetEvent(HANDLE EventHandle, PLONG PreviousState) {
+    if (!irqlExactly(PASSIVE_LEVEL)) {
+        return STATUS_UNSUCCESSFUL;
+    }
     void* event;
     const NTSTATUS status = Machine::current().objects().referenceByHandle(
         EventHandle, &kEventType, EVENT_MODIFY_STATE, &event, nullptr, __func__);
@@ -102,6 +108,9 @@ NTSTATUS NTAPI ZwSetEvent(HANDLE EventHandle, PLONG PreviousState) {
 }
 
 NTSTATUS NTAPI ZwClearEvent(HANDLE EventHandle) {
+    if (!irqlExactly(PASSIVE_LEVEL)) {
+        return STATUS_UNSUCCESSFUL;
+    }
     void* event;
     const NTSTATUS status = Machine::current().objects().referenceByHandle(
         EventHandle, &kEventType, EVENT_MODIFY_STATE, &event, nullptr, __func__);

@@ -1,11 +1,17 @@
 // The two clocks: events in order, repeatable runs, and the same behaviour on real threads.
 #include "platform/nt/kernel.h"
 
+#include "platform/nt/dispatcher.h"
+#include "platform/nt/thread.h"
+
 #include "tests/driver/nt_support.h"
 
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <optional>
+#include <semaphore>
+#include <thread>
 
 namespace kelvane::nt {
 namespace {
@@ -192,6 +198,51 @@ TEST(RealClock, DoesTheSameOnRealThreads) {
     EXPECT_EQ(scenario.visits, 60);
     EXPECT_GT(scenario.ticks, 0);
     EXPECT_TRUE(scenario.machine.breaches().empty()) << scenario.machine.breaches()[0].report();
+}
+
+TEST(RealClock, AThreadOfTheHostsIsTakenInByEachMachine) {
+    std::optional<Machine> machine; // both at one address
+    std::counting_semaphore<2> go(0), done(0);
+    std::thread host([&] {
+        for (int i = 0; i < 2; i++) {
+            go.acquire();
+            EXPECT_EQ(KeGetCurrentIrql(), PASSIVE_LEVEL);
+            EXPECT_TRUE(
+                std::ranges::any_of(machine->dispatcher().threads(), [](const auto& thread) {
+                    return thread.get() == &Thread::current();
+                }));
+            done.release();
+        }
+    });
+    for (int i = 0; i < 2; i++) {
+        machine.emplace(MachineOptions{ClockKind::Real, {}, {}, false});
+        go.release();
+        done.acquire();
+        machine.reset();
+    }
+    host.join();
+}
+
+// A service whose making takes its time.
+struct SlowService : Service {
+    explicit SlowService(Machine&) {
+        for (int i = 0; i < 1000; i++) {
+            std::this_thread::yield();
+        }
+    }
+};
+
+TEST(RealClock, ServicesAreMadeOnce) {
+    Machine machine({ClockKind::Real, {}, {}, false});
+    std::array<SlowService*, 4> found{};
+    std::vector<std::thread> threads;
+    for (SlowService*& service : found) {
+        threads.emplace_back([&] { service = &machine.service<SlowService>(); });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(found, (std::array{found[0], found[0], found[0], found[0]}));
 }
 
 TEST(RealClock, SpinLocksKeepProcessorsApart) {
