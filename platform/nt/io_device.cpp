@@ -9,7 +9,6 @@
 
 #include <fmt/format.h>
 
-#include <atomic>
 #include <cstddef>
 
 using namespace kelvane::nt;
@@ -24,8 +23,7 @@ constexpr std::size_t aligned(std::size_t bytes) {
 
 // Names that the system makes up: "\Device\00000001", counted up.
 std::u16string nextDeviceName() {
-    static std::atomic<unsigned> s_count{0};
-    return toUtf16(fmt::format("\\Device\\{:08x}", ++s_count));
+    return toUtf16(fmt::format("\\Device\\{:08x}", Machine::current().plug().nextDeviceNumber()));
 }
 
 void destroyDevice(void* body) {
@@ -196,12 +194,8 @@ NTSTATUS NTAPI IoCreateSymbolicLink(PUNICODE_STRING SymbolicLinkName, PUNICODE_S
     if (!irqlExactly(PASSIVE_LEVEL)) {
         return STATUS_UNSUCCESSFUL;
     }
-    std::u16string path = copyString(*SymbolicLinkName);
-    constexpr std::u16string_view kOldPrefix = u"\\DosDevices\\";
-    if (path.starts_with(kOldPrefix)) {
-        path = u"\\??\\" + path.substr(kOldPrefix.size());
-    }
-    return Machine::current().objects().addLink(path, copyString(*DeviceName))
+    return Machine::current().objects().addLink(copyString(*SymbolicLinkName),
+                                                copyString(*DeviceName))
                ? STATUS_SUCCESS
                : STATUS_OBJECT_NAME_COLLISION;
 }
@@ -210,19 +204,16 @@ NTSTATUS NTAPI IoDeleteSymbolicLink(PUNICODE_STRING SymbolicLinkName) {
     if (!irqlExactly(PASSIVE_LEVEL)) {
         return STATUS_UNSUCCESSFUL;
     }
-    std::u16string path = copyString(*SymbolicLinkName);
-    constexpr std::u16string_view kOldPrefix = u"\\DosDevices\\";
-    if (path.starts_with(kOldPrefix)) {
-        path = u"\\??\\" + path.substr(kOldPrefix.size());
-    }
-    return Machine::current().objects().dropLink(path) ? STATUS_SUCCESS
-                                                       : STATUS_OBJECT_NAME_NOT_FOUND;
+    return Machine::current().objects().dropLink(copyString(*SymbolicLinkName))
+               ? STATUS_SUCCESS
+               : STATUS_OBJECT_NAME_NOT_FOUND;
 }
 
 NTSTATUS NTAPI IoAllocateDriverObjectExtension(PDRIVER_OBJECT DriverObject,
                                                PVOID ClientIdentificationAddress,
                                                ULONG DriverObjectExtensionSize,
                                                PVOID* DriverObjectExtension) {
+    irqlAtMost(APC_LEVEL);
     Machine& machine = Machine::current();
     const std::scoped_lock guard(machine.plug().mutex());
     void*& slot = machine.plug().driverExtensions()[{DriverObject, ClientIdentificationAddress}];
@@ -237,6 +228,7 @@ NTSTATUS NTAPI IoAllocateDriverObjectExtension(PDRIVER_OBJECT DriverObject,
 
 PVOID NTAPI IoGetDriverObjectExtension(PDRIVER_OBJECT DriverObject,
                                        PVOID ClientIdentificationAddress) {
+    irqlAtMost(DISPATCH_LEVEL);
     Plug& plug = Machine::current().plug();
     const std::scoped_lock guard(plug.mutex());
     const auto found = plug.driverExtensions().find({DriverObject, ClientIdentificationAddress});

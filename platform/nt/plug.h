@@ -3,6 +3,7 @@
 
 #include "platform/nt/kernel.h"
 
+#include <atomic>
 #include <list>
 #include <map>
 #include <mutex>
@@ -57,6 +58,8 @@ public:
     // The texts that driver objects point at.
     std::map<DRIVER_OBJECT*, DriverNames>& driverNames() { return m_driverNames; }
     std::recursive_mutex& mutex() { return m_mutex; }
+    // For a name that the machine makes up.
+    unsigned nextDeviceNumber() { return ++m_namedDevices; }
 
 private:
     std::recursive_mutex m_mutex;
@@ -64,6 +67,7 @@ private:
     std::list<DeviceInterface> m_interfaces;
     std::map<std::pair<DRIVER_OBJECT*, void*>, void*> m_extensions;
     std::map<DRIVER_OBJECT*, DriverNames> m_driverNames;
+    std::atomic<unsigned> m_namedDevices{0};
     unsigned m_softwareKeys = 0;
     unsigned m_unnamedDevices = 0;
 };

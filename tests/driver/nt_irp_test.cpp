@@ -210,6 +210,23 @@ TEST(Irp, CancelRunsTheCancelRoutineOnce) {
     IoFreeIrp(irp);
 }
 
+std::u16string nameOf(DEVICE_OBJECT* device) {
+    WCHAR name[64];
+    ULONG length;
+    IoGetDeviceProperty(device, DevicePropertyPhysicalDeviceObjectName, sizeof(name), name,
+                        &length);
+    return copyString(name);
+}
+
+TEST(Device, NamesThatTheMachineMakesUpAreTheSameInEachRun) {
+    const auto madeUp = [] {
+        RecordingMachine machine;
+        TestDevice device([](IRP* irp) { return complete(irp, STATUS_NOT_SUPPORTED); });
+        return nameOf(device.object());
+    };
+    EXPECT_EQ(madeUp(), madeUp());
+}
+
 struct MethodCase {
     ULONG method;
     const char* name;
@@ -325,13 +342,6 @@ private:
         return complete(irp, refuse ? STATUS_NO_SUCH_FILE : STATUS_SUCCESS);
     }
     std::u16string m_target = nameOf(device.object());
-    static std::u16string nameOf(DEVICE_OBJECT* device) {
-        WCHAR name[64];
-        ULONG length;
-        IoGetDeviceProperty(device, DevicePropertyPhysicalDeviceObjectName, sizeof(name), name,
-                            &length);
-        return copyString(name);
-    }
 };
 
 // Ends every request of the list that the IRP is in.
