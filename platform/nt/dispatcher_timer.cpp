@@ -12,8 +12,6 @@
 
 namespace kelvane::nt {
 
-namespace {} // namespace
-
 bool Dispatcher::isSet(const KTIMER& timer) const {
     return std::any_of(m_timers.begin(), m_timers.end(),
                        [&](const SetTimer& set) { return set.timer == &timer; });

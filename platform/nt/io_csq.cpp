@@ -45,20 +45,6 @@ bool take(IO_CSQ* queue, IRP* irp) {
     return true;
 }
 
-NTSTATUS initialize(IO_CSQ* queue, ULONG type, PIO_CSQ_INSERT_IRP insert, PIO_CSQ_REMOVE_IRP remove,
-                    PIO_CSQ_PEEK_NEXT_IRP peek, PIO_CSQ_ACQUIRE_LOCK acquire,
-                    PIO_CSQ_RELEASE_LOCK release, PIO_CSQ_COMPLETE_CANCELED_IRP complete) {
-    *queue = {};
-    queue->Type = type;
-    queue->CsqInsertIrp = insert;
-    queue->CsqRemoveIrp = remove;
-    queue->CsqPeekNextIrp = peek;
-    queue->CsqAcquireLock = acquire;
-    queue->CsqReleaseLock = release;
-    queue->CsqCompleteCanceledIrp = complete;
-    return STATUS_SUCCESS;
-}
-
 } // namespace
 
 extern "C" {
@@ -69,8 +55,15 @@ NTSTATUS NTAPI IoCsqInitialize(PIO_CSQ Csq, PIO_CSQ_INSERT_IRP CsqInsertIrp,
                                PIO_CSQ_ACQUIRE_LOCK CsqAcquireLock,
                                PIO_CSQ_RELEASE_LOCK CsqReleaseLock,
                                PIO_CSQ_COMPLETE_CANCELED_IRP CsqCompleteCanceledIrp) {
-    return initialize(Csq, IO_TYPE_CSQ, CsqInsertIrp, CsqRemoveIrp, CsqPeekNextIrp, CsqAcquireLock,
-                      CsqReleaseLock, CsqCompleteCanceledIrp);
+    *Csq = {};
+    Csq->Type = IO_TYPE_CSQ;
+    Csq->CsqInsertIrp = CsqInsertIrp;
+    Csq->CsqRemoveIrp = CsqRemoveIrp;
+    Csq->CsqPeekNextIrp = CsqPeekNextIrp;
+    Csq->CsqAcquireLock = CsqAcquireLock;
+    Csq->CsqReleaseLock = CsqReleaseLock;
+    Csq->CsqCompleteCanceledIrp = CsqCompleteCanceledIrp;
+    return STATUS_SUCCESS;
 }
 
 void NTAPI IoCsqInsertIrp(PIO_CSQ Csq, PIRP Irp, PIO_CSQ_IRP_CONTEXT Context) {
