@@ -23,7 +23,7 @@ public:
     virtual void start(const AudioFormat& format, std::uint64_t position) = 0;
     // Fills whole sample frames, interleaved as they go over the bus. Never called before `start`.
     virtual void read(std::span<std::byte> frames) = 0;
-    // Frames that were recorded but that no host fetched in time: the next read is behind them.
+    // Frames that were recorded but that no host fetched: the next read is behind them.
     virtual void skip(std::uint64_t frames) = 0;
     // Nothing more is read. Throws DeviceError when something couldn't be recorded as asked.
     virtual void finish() {}

@@ -9,8 +9,10 @@ namespace kelvane::devices {
 
 void InputConverter::start(SampleClock& clock, AudioFormat format, std::uint32_t interval) {
     format.rate = clock.rate();
+    m_goesOn = m_goesOn && format == m_format && &clock == m_lastClock;
     m_format = format;
     m_clock = format.frameBytes() == 0 ? nullptr : &clock;
+    m_lastClock = &clock;
     m_begun = false;
     const auto framesIn = [&](std::uint64_t microframes) {
         return static_cast<std::uint32_t>(format.rate * microframes / kMicroframesPerSecond);
@@ -21,8 +23,17 @@ void InputConverter::start(SampleClock& clock, AudioFormat format, std::uint32_t
 
 void InputConverter::begin(std::uint64_t position) {
     m_begun = true;
-    m_next = position - std::min<std::uint64_t>(position, m_intervalFrames);
-    if (m_source != nullptr) {
+    const std::uint64_t first = position - std::min<std::uint64_t>(position, m_intervalFrames);
+    const bool goesOn = m_goesOn && position >= m_next;
+    const std::uint64_t missed = goesOn && first > m_next ? first - m_next : 0;
+    m_goesOn = true;
+    m_next = goesOn ? m_next + missed : first;
+    if (m_source == nullptr) {
+        return;
+    }
+    if (goesOn) {
+        m_source->skip(missed);
+    } else {
         m_source->start(m_format, m_next);
     }
 }

@@ -2,8 +2,10 @@
 // ticked since the last one.
 //
 // Recording begins when a host fetches for the first time; that packet holds one service interval
-// of frames. What a host doesn't fetch within 1 ms (or two service intervals, if these are longer)
-// is lost, and the packet after such a gap holds one interval of frames again.
+// of frames. It goes on while no host looks, from one setting to the next of the same format and
+// clock; with another one it begins anew. What a host doesn't fetch within 1 ms (or two service
+// intervals, if these are longer) is lost, and the packet after such a gap holds one interval of
+// frames again.
 #pragma once
 
 #include "devices/audio_source.h"
@@ -44,9 +46,11 @@ private:
     AudioSource* m_source;
     SampleClock* m_clock = nullptr; // null while stopped
     AudioFormat m_format;
-    std::uint32_t m_intervalFrames = 0; // of one service interval, rounded down
-    std::uint32_t m_mostFrames = 0;     // that wait for a host
-    bool m_begun = false;
+    std::uint32_t m_intervalFrames = 0;       // of one service interval, rounded down
+    std::uint32_t m_mostFrames = 0;           // that wait for a host
+    const SampleClock* m_lastClock = nullptr; // only to be compared
+    bool m_begun = false;                     // since the last start
+    bool m_goesOn = false;                    // recording has begun with this format and clock
     bool m_muted = false;
     std::uint64_t m_next = 0; // the frame to be sent next, as the clock counts
     InputCounters m_counters;

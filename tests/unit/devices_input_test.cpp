@@ -323,6 +323,35 @@ TEST(InputConverter, KeepsOneMillisecondForTheHost) {
     }
 }
 
+// From one setting to the next the counter runs on, unless the format or the clock is another.
+TEST(InputConverter, GoesOnWhileNoHostLooks) {
+    SampleClock clock(48000);
+    SampleClock another(48000);
+    CounterSource counter;
+    InputConverter converter(&counter);
+    std::array<std::byte, 26 * 8> packet{};
+    const auto firstFrame = [&](std::uint64_t microframe) {
+        EXPECT_EQ(converter.send(packet, microframe), 48U);
+        return CounterSource::frameOf(sampleAt(packet.data(), 4), 24);
+    };
+    converter.start(clock, kStereo, 1);
+    EXPECT_EQ(firstFrame(1000), 0U);
+    EXPECT_EQ(firstFrame(1001), 6U);
+    converter.stop();
+    converter.start(clock, kStereo, 1);
+    EXPECT_EQ(firstFrame(1101), 606U);
+    converter.start(clock, kStereo, 1);
+    EXPECT_EQ(firstFrame(1102), 612U);
+    converter.start(clock, {.rate = 48000, .channels = 4, .subslotBytes = 2, .bits = 16}, 1);
+    EXPECT_EQ(converter.send(packet, 1200), 48U);
+    EXPECT_EQ(CounterSource::frameOf(sampleAt(packet.data(), 2), 16), 0U);
+    converter.start(clock, kStereo, 1);
+    EXPECT_EQ(firstFrame(1300), 0U) << "the format is another again";
+    converter.start(another, kStereo, 1);
+    EXPECT_EQ(firstFrame(1400), 0U);
+    EXPECT_EQ(converter.counters().framesLost, 0U) << "no stream has lost them";
+}
+
 // A duplex device whose output is cabled to its input, and a host that paces one by the other.
 class Looped : public testing::Test, public Plugged {
 protected:
