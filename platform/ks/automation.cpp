@@ -1,5 +1,6 @@
 #include "platform/ks/automation.h"
 
+#include "platform/ks/events.h"
 #include "platform/ks/memory.h"
 #include "platform/ks/request.h"
 
@@ -383,6 +384,21 @@ NTSTATUS handleMethod(IRP& irp, Automation automation) {
         status = methodRequest(irp, *buffers, automation);
     }
     return closeRequest(irp, status);
+}
+
+NTSTATUS handleControl(IRP& irp, Object& object, const Automation& automation) {
+    switch (controlCode(irp)) {
+    case IOCTL_KS_PROPERTY:
+        return handleProperty(irp, automation);
+    case IOCTL_KS_METHOD:
+        return handleMethod(irp, automation);
+    case IOCTL_KS_ENABLE_EVENT:
+        return enableEvent(irp, object, automation);
+    case IOCTL_KS_DISABLE_EVENT:
+        return disableEvent(irp, object);
+    default:
+        return STATUS_INVALID_DEVICE_REQUEST;
+    }
 }
 
 } // namespace kelvane::ks

@@ -8,6 +8,8 @@
 
 namespace kelvane::ks {
 
+struct Object;
+
 // KSPROPERTY_TYPE_TOPOLOGY, KSMETHOD_TYPE_TOPOLOGY and KSEVENT_TYPE_TOPOLOGY.
 inline constexpr ULONG kTopologyFlag = KSPROPERTY_TYPE_TOPOLOGY;
 
@@ -41,5 +43,7 @@ NTSTATUS eventSetSupport(IRP& irp, const Automation& automation, const GUID& set
 // and completes the request unless the status is STATUS_PENDING.
 NTSTATUS handleProperty(IRP& irp, Automation automation);
 NTSTATUS handleMethod(IRP& irp, Automation automation);
+// These and the requests for events, as filters and pins answer them alike.
+NTSTATUS handleControl(IRP& irp, Object& object, const Automation& automation);
 
 } // namespace kelvane::ks

@@ -84,28 +84,16 @@ NTSTATUS Filter::deviceControl(IRP& irp) {
     const Automation automation = {ks.Descriptor->AutomationTable, &kFilterAutomation,
                                    ks.Descriptor};
     MutexHolder holder(controlMutex);
-    switch (IoGetCurrentIrpStackLocation(&irp)->Parameters.DeviceIoControl.IoControlCode) {
-    case IOCTL_KS_PROPERTY:
-        return handleProperty(irp, automation);
-    case IOCTL_KS_METHOD:
-        return handleMethod(irp, automation);
-    case IOCTL_KS_ENABLE_EVENT:
-        return enableEvent(irp, object, automation);
-    case IOCTL_KS_DISABLE_EVENT:
-        return disableEvent(irp, object);
-    case IOCTL_KS_RESET_STATE: {
-        KSRESET reset = KSRESET_END;
-        const NTSTATUS status = KsAcquireResetValue(&irp, &reset);
-        const KSFILTER_DISPATCH* dispatch = ks.Descriptor->Dispatch;
-        if (NT_SUCCESS(status) && reset == KSRESET_BEGIN && dispatch != nullptr &&
-            dispatch->Reset != nullptr) {
-            return dispatch->Reset(&ks);
-        }
-        return status;
-    }
-    default:
-        return STATUS_INVALID_DEVICE_REQUEST;
-    }
+    return controlCode(irp) == IOCTL_KS_RESET_STATE ? reset(irp)
+                                                    : handleControl(irp, object, automation);
+}
+
+NTSTATUS Filter::reset(IRP& irp) {
+    KSRESET value = KSRESET_END;
+    const NTSTATUS status = KsAcquireResetValue(&irp, &value);
+    const KSFILTER_DISPATCH* dispatch = ks.Descriptor->Dispatch;
+    const bool tells = dispatch != nullptr && dispatch->Reset != nullptr;
+    return NT_SUCCESS(status) && value == KSRESET_BEGIN && tells ? dispatch->Reset(&ks) : status;
 }
 
 } // namespace kelvane::ks

@@ -34,6 +34,7 @@ struct Filter {
 
     // IRP_MJ_DEVICE_CONTROL. STATUS_PENDING: the request is not to be completed by the caller.
     NTSTATUS deviceControl(IRP& irp);
+    NTSTATUS reset(IRP& irp);
 };
 
 } // namespace kelvane::ks

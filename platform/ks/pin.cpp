@@ -5,6 +5,7 @@
 #include "platform/ks/formats.h"
 #include "platform/ks/memory.h"
 #include "platform/ks/properties.h"
+#include "platform/ks/request.h"
 
 namespace kelvane::ks {
 
@@ -184,31 +185,15 @@ NTSTATUS Pin::step(KSSTATE to) {
 }
 
 NTSTATUS Pin::deviceControl(IRP& irp) {
-    switch (IoGetCurrentIrpStackLocation(&irp)->Parameters.DeviceIoControl.IoControlCode) {
-    case IOCTL_KS_WRITE_STREAM:
-        return ks.DataFlow == KSPIN_DATAFLOW_IN ? stream(irp) : STATUS_INVALID_DEVICE_REQUEST;
-    case IOCTL_KS_READ_STREAM:
-        return ks.DataFlow == KSPIN_DATAFLOW_OUT ? stream(irp) : STATUS_INVALID_DEVICE_REQUEST;
-    default:
-        break;
+    const ULONG code = controlCode(irp);
+    if (code == IOCTL_KS_WRITE_STREAM || code == IOCTL_KS_READ_STREAM) {
+        const bool fits = (code == IOCTL_KS_WRITE_STREAM) == (ks.DataFlow == KSPIN_DATAFLOW_IN);
+        return fits ? stream(irp) : STATUS_INVALID_DEVICE_REQUEST;
     }
     const Automation automation = {ks.Descriptor->AutomationTable, &kPinAutomation,
                                    filter().ks.Descriptor};
     MutexHolder holder(filter().controlMutex);
-    switch (IoGetCurrentIrpStackLocation(&irp)->Parameters.DeviceIoControl.IoControlCode) {
-    case IOCTL_KS_PROPERTY:
-        return handleProperty(irp, automation);
-    case IOCTL_KS_METHOD:
-        return handleMethod(irp, automation);
-    case IOCTL_KS_ENABLE_EVENT:
-        return enableEvent(irp, object, automation);
-    case IOCTL_KS_DISABLE_EVENT:
-        return disableEvent(irp, object);
-    case IOCTL_KS_RESET_STATE:
-        return reset(irp);
-    default:
-        return STATUS_INVALID_DEVICE_REQUEST;
-    }
+    return code == IOCTL_KS_RESET_STATE ? reset(irp) : handleControl(irp, object, automation);
 }
 
 // Without the control mutex: a client's frames don't wait for another request to the filter.

@@ -28,6 +28,10 @@ PKSIDENTIFIER RequestBuffers::identifier() {
     return reinterpret_cast<PKSIDENTIFIER>(bytes + alignedSize(dataLength));
 }
 
+ULONG controlCode(IRP& irp) {
+    return IoGetCurrentIrpStackLocation(&irp)->Parameters.DeviceIoControl.IoControlCode;
+}
+
 ULONG inputLength(IRP& irp) {
     return IoGetCurrentIrpStackLocation(&irp)->Parameters.DeviceIoControl.InputBufferLength;
 }

@@ -31,6 +31,7 @@ NTSTATUS closeRequest(IRP& irp, NTSTATUS status);
 
 ULONG nodeOf(IRP& irp);
 
+ULONG controlCode(IRP& irp); // IOCTL_KS_...
 ULONG inputLength(IRP& irp);
 ULONG outputLength(IRP& irp);
 
