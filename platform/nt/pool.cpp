@@ -198,35 +198,30 @@ std::optional<std::string> usedWithin(const std::byte* begin, const std::byte* e
 
 } // namespace
 
-void Pool::free(void* address, ULONG tag, const char* routine) {
-    const OwnAccess access;
-    auto* user = static_cast<std::byte*>(address);
-    const KIRQL irql = Thread::current().irql;
-    Block block;
-    std::vector<Complaint> complaints;
-    {
-        const std::scoped_lock guard(m_mutex);
-        const auto found = m_blocks.find(user);
-        if (found != m_blocks.end()) {
-            block = found->second;
-        } else {
-            const auto freed = std::find_if(m_freed.begin(), m_freed.end(),
-                                            [&](const Block& old) { return old.user() == user; });
-            std::string text = fmt::format("{} is no pool block", fmt::ptr(address));
-            if (freed != m_freed.end()) {
-                text = fmt::format("block {} of {} bytes, tag '{}', was freed before by",
-                                   fmt::ptr(address), freed->bytes, tagText(freed->tag));
-                for (const std::string& line : freed->freed.lines()) {
-                    text += "\n        " + line;
-                }
-            }
-            complaints.push_back({Rule::PoolBlock, text});
+// The block in use that starts there; without a base, and with a complaint, when there is none.
+Pool::Block Pool::blockAt(const std::byte* user, std::vector<Complaint>& complaints) const {
+    const std::scoped_lock guard(m_mutex);
+    if (const auto found = m_blocks.find(user); found != m_blocks.end()) {
+        return found->second;
+    }
+    const auto freed = std::find_if(m_freed.begin(), m_freed.end(),
+                                    [&](const Block& old) { return old.user() == user; });
+    std::string text = fmt::format("{} is no pool block", fmt::ptr(user));
+    if (freed != m_freed.end()) {
+        text = fmt::format("block {} of {} bytes, tag '{}', was freed before by", fmt::ptr(user),
+                           freed->bytes, tagText(freed->tag));
+        for (const std::string& line : freed->freed.lines()) {
+            text += "\n        " + line;
         }
     }
-    if (block.base == nullptr) {
-        complain(complaints, routine);
-        return;
-    }
+    complaints.push_back({Rule::PoolBlock, text});
+    return {};
+}
+
+// What is wrong with freeing the block now under this tag.
+void Pool::checkFree(const Block& block, ULONG tag, const char* routine,
+                     std::vector<Complaint>& complaints) {
+    const KIRQL irql = Thread::current().irql;
     if (block.paged && irql > APC_LEVEL) {
         complaints.push_back({Rule::PagedMemory, fmt::format("paged pool '{}' freed at IRQL {}",
                                                              tagText(block.tag), irql)});
@@ -237,13 +232,24 @@ void Pool::free(void* address, ULONG tag, const char* routine) {
         complaints.push_back({Rule::PoolTag, fmt::format("block with tag '{}' freed under '{}'",
                                                          tagText(block.tag), tagText(tag))});
     }
-    const auto what = usedWithin(user, user + block.bytes);
-    const bool isUsed = what.has_value();
-    if (isUsed) {
+}
+
+void Pool::free(void* address, ULONG tag, const char* routine) {
+    const OwnAccess access;
+    auto* user = static_cast<std::byte*>(address);
+    std::vector<Complaint> complaints;
+    Block block = blockAt(user, complaints);
+    if (block.base == nullptr) {
+        complain(complaints, routine);
+        return;
+    }
+    checkFree(block, tag, routine, complaints);
+    const auto use = usedWithin(user, user + block.bytes);
+    if (use) {
         complaints.push_back(
             {Rule::ObjectInUse,
              fmt::format("block {} of {} bytes, tag '{}', holds {}", fmt::ptr(address), block.bytes,
-                         tagText(block.tag), *what)});
+                         tagText(block.tag), *use)});
     }
     block.freed = Backtrace::here();
     {
@@ -252,7 +258,7 @@ void Pool::free(void* address, ULONG tag, const char* routine) {
             m_paged.erase(user);
             m_counters.blocks--;
             m_counters.bytes -= block.bytes;
-            if (isUsed) {
+            if (use) {
                 m_kept.push_back(block);
             } else {
                 bury(block, complaints);

@@ -97,6 +97,9 @@ private:
     static std::size_t footprint(const Block& block);
     static std::optional<std::size_t> damagedGuard(const Block& block);
     static std::optional<std::size_t> damagedPoison(const Block& block);
+    Block blockAt(const std::byte* user, std::vector<Complaint>& complaints) const;
+    static void checkFree(const Block& block, ULONG tag, const char* routine,
+                          std::vector<Complaint>& complaints);
     void bury(Block block, std::vector<Complaint>& complaints);
     void release(const Block& block, std::vector<Complaint>& complaints);
     void complain(const std::vector<Complaint>& complaints, const char* routine) const;

@@ -122,6 +122,7 @@ private:
     // Configurations and settings.
     Result selectConfiguration(Transfer& transfer);
     Result selectInterface(Transfer& transfer);
+    void beginSelection(Transfer& transfer, Selection selection);
     bool selectionStep(Transfer& transfer);
     void dropSelection(const Transfer& transfer);
     Result makeInterface(std::span<const std::byte> configuration,

@@ -167,6 +167,15 @@ void Port::report(Interface& interface, USBD_INTERFACE_INFORMATION& information)
     }
 }
 
+// Asks the device; what was selected is in force once it has agreed.
+void Port::beginSelection(Transfer& transfer, Selection selection) {
+    m_selection = std::move(selection);
+    m_selection->transfer = &transfer;
+    if (handOver(transfer)) {
+        sendSetup(transfer, transfer.event.setup, false);
+    }
+}
+
 Port::Result Port::selectConfiguration(Transfer& transfer) {
     auto& urb = transfer.urb->UrbSelectConfiguration;
     if (m_selection) {
@@ -201,11 +210,7 @@ Port::Result Port::selectConfiguration(Transfer& transfer) {
             }
         }
     }
-    m_selection = std::move(selection);
-    m_selection->transfer = &transfer;
-    if (handOver(transfer)) {
-        sendSetup(transfer, transfer.event.setup, false);
-    }
+    beginSelection(transfer, std::move(selection));
     return std::nullopt;
 }
 
@@ -233,11 +238,7 @@ Port::Result Port::selectInterface(Transfer& transfer) {
         restore(*current);
         return USBD_STATUS_NO_BANDWIDTH;
     }
-    m_selection = std::move(selection);
-    m_selection->transfer = &transfer;
-    if (handOver(transfer)) {
-        sendSetup(transfer, transfer.event.setup, false);
-    }
+    beginSelection(transfer, std::move(selection));
     return std::nullopt;
 }
 
