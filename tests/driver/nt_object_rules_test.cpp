@@ -6,6 +6,7 @@
 namespace kelvane::nt {
 namespace {
 
+void NTAPI doNothing(PKDPC, PVOID, PVOID, PVOID) {}
 NTSTATUS NTAPI freeIrp(PDEVICE_OBJECT, PIRP irp, PVOID) {
     IoFreeIrp(irp);
     return STATUS_SUCCESS;
@@ -427,6 +428,16 @@ const RuleCase kEndCases[] = {
          DEVICE_OBJECT* device;
          IoCreateDevice(makeDriver(u"Left"), 0, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
      }},
+    {"DPC",
+     Rule::LeftOver,
+     "~Machine",
+     [] {
+         static KDPC s_dpc;
+         KeInitializeDpc(&s_dpc, doNothing, nullptr);
+         KfRaiseIrql(DISPATCH_LEVEL); // and never lowered
+         KeInsertQueueDpc(&s_dpc, nullptr, nullptr);
+     },
+     {Rule::IrqlLimit}},
     {"clock event", Rule::LeftOver, "~Machine",
      [] {
          Machine::current().scheduler().at(kSecond, [] {});

@@ -8,12 +8,15 @@
 namespace kelvane::nt {
 namespace {
 
-struct FormatCase {
-    const char* expected;
-    std::function<void()> print;
-};
+// What the trace has of one call.
+template <class... Args>
+std::string printed(const char* format, Args... args) {
+    DbgPrint(format, args...);
+    return Machine::current().trace().records().back().text;
+}
 
 TEST(DbgPrint, ConvertsAsTheKernelDoes) {
+    RecordingMachine machine;
     UNICODE_STRING counted;
     RtlInitUnicodeString(&counted, L"counted");
     UNICODE_STRING cut = counted;
@@ -24,114 +27,42 @@ TEST(DbgPrint, ConvertsAsTheKernelDoes) {
     const WCHAR wide[] = {'w', 0xEF, 'd', 'e', 0xD83C, 0xDFB5, 0}; // U+1F3B5 as surrogates
     const WCHAR lone[] = {0xD83C, 'x', 0};
     const auto* null = static_cast<const char*>(nullptr);
-    const FormatCase cases[] = {
+    const std::pair<const char*, std::string> cases[] = {
         // Integers: a long has 32 bits.
-        {"-1 4294967295 ffffffff FFFFFFFF",
-         [] {
-             DbgPrint("%ld %lu %lx %lX", -1, -1, -1, -1);
-         }},
-        {"-9223372036854775808",
-         [] {
-             DbgPrint("%I64d", LLONG_MIN);
-         }},
-        {"18446744073709551615 ffffffffffffffff",
-         [] {
-             DbgPrint("%I64u %llx", ~0ull, ~0ull);
-         }},
-        {"7 8 9",
-         [] {
-             DbgPrint("%I32d %Id %zu", 7, 8ll, size_t{9});
-         }},
-        {"-1 65535 -1 255",
-         [] {
-             DbgPrint("%hd %hu %hhd %hhu", 0xFFFF, 0xFFFF, 0xFF, 0xFF);
-         }},
-        {"017 17",
-         [] {
-             DbgPrint("%#o %o", 15, 15);
-         }},
+        {"-1 4294967295 ffffffff FFFFFFFF", printed("%ld %lu %lx %lX", -1, -1, -1, -1)},
+        {"-9223372036854775808", printed("%I64d", LLONG_MIN)},
+        {"18446744073709551615 ffffffffffffffff", printed("%I64u %llx", ~0ull, ~0ull)},
+        {"7 8 9", printed("%I32d %Id %zu", 7, 8ll, size_t{9})},
+        {"-1 65535 -1 255", printed("%hd %hu %hhd %hhu", 0xFFFF, 0xFFFF, 0xFF, 0xFF)},
+        {"017 17", printed("%#o %o", 15, 15)},
         // Width, precision, flags.
         {"[   42][42   ][00042][+42][ 42]",
-         [] {
-             DbgPrint("[%5d][%-5d][%05d][%+d][% d]", 42, 42, 42, 42, 42);
-         }},
-        {"[  042][  -42][-0042]",
-         [] {
-             DbgPrint("[%5.3d][%5d][%05d]", 42, -42, -42);
-         }},
-        {"[   42][42   ][0042]",
-         [] {
-             DbgPrint("[%*d][%*d][%.*d]", 5, 42, -5, 42, 4, 42);
-         }},
-        {"0x2a 0X2A 0 [0x002a]",
-         [] {
-             DbgPrint("%#x %#X %#x [%#06x]", 42, 42, 0, 42);
-         }},
-        {"0 []",
-         [] {
-             DbgPrint("%d [%.0d]", 0, 0);
-         }},
-        {"  0x0a 220003",
-         [] {
-             DbgPrint("%6s %0x", "0x0a", 0x220003);
-         }},
+         printed("[%5d][%-5d][%05d][%+d][% d]", 42, 42, 42, 42, 42)},
+        {"[  042][  -42][-0042]", printed("[%5.3d][%5d][%05d]", 42, -42, -42)},
+        {"[   42][42   ][0042]", printed("[%*d][%*d][%.*d]", 5, 42, -5, 42, 4, 42)},
+        {"0x2a 0X2A 0 [0x002a]", printed("%#x %#X %#x [%#06x]", 42, 42, 0, 42)},
+        {"0 []", printed("%d [%.0d]", 0, 0)},
+        {"  0x0a 220003", printed("%6s %0x", "0x0a", 0x220003)},
         // Pointers, with every digit.
-        {"00000000DEADBEEF",
-         [] {
-             DbgPrint("%p", reinterpret_cast<void*>(0xDEADBEEF));
-         }},
-        {"0x0000000000000000",
-         [] {
-             DbgPrint("0x%p", nullptr);
-         }},
+        {"00000000DEADBEEF", printed("%p", reinterpret_cast<void*>(0xDEADBEEF))},
+        {"0x0000000000000000", printed("0x%p", nullptr)},
         // Text.
-        {"[abc][  abc][abc  ][ab]",
-         [] {
-             DbgPrint("[%s][%5s][%-5s][%.2s]", "abc", "abc", "abc", "abc");
-         }},
-        {"[(null)][(null)][(null)]",
-         [&] {
-             DbgPrint("[%s][%S][%wZ]", null, null, nullptr);
-         }},
-        {"x y",
-         [] {
-             DbgPrint("%c %C", 'x', L'y');
-         }},
+        {"[abc][  abc][abc  ][ab]", printed("[%s][%5s][%-5s][%.2s]", "abc", "abc", "abc", "abc")},
+        {"[(null)][(null)][(null)]", printed("[%s][%S][%wZ]", null, null, nullptr)},
+        {"x y", printed("%c %C", 'x', L'y')},
         {"w\xC3\xAF"
          "de\xF0\x9F\x8E\xB5 \xEF\xBF\xBDx",
-         [&] {
-             DbgPrint("%S %ws", wide, lone);
-         }},
-        {"[wï][  wï] n",
-         [&] {
-             DbgPrint("[%.2ls][%5.2S] %hS", wide, wide, "n");
-         }},
+         printed("%S %ws", wide, lone)},
+        {"[wï][  wï] n", printed("[%.2ls][%5.2S] %hS", wide, wide, "n")},
         {"counted cou [  counted] [co] []",
-         [&] {
-             DbgPrint("%wZ %wZ [%9wZ] [%.2wZ] [%.0wZ]", &counted, &cut, &counted, &counted, &cut);
-         }},
-        {"ansi [(null)]",
-         [&] {
-             DbgPrint("%Z [%wZ]", &ansi, &empty);
-         }},
-        {"1.50 1.5e+00",
-         [] {
-             DbgPrint("%.2f %.1e", 1.5, 1.5);
-         }},
-        {"100%",
-         [] {
-             DbgPrint("%d%%", 100);
-         }},
-        {"end ",
-         [] {
-             DbgPrint("end %");
-         }},
+         printed("%wZ %wZ [%9wZ] [%.2wZ] [%.0wZ]", &counted, &cut, &counted, &counted, &cut)},
+        {"ansi [(null)]", printed("%Z [%wZ]", &ansi, &empty)},
+        {"1.50 1.5e+00", printed("%.2f %.1e", 1.5, 1.5)},
+        {"100%", printed("%d%%", 100)},
+        {"end ", printed("end %")},
     };
-    RecordingMachine machine;
-    for (const FormatCase& item : cases) {
-        SCOPED_TRACE(item.expected);
-        item.print();
-        EXPECT_EQ(machine->trace().records().back().text, item.expected);
+    for (const auto& [expected, found] : cases) {
+        EXPECT_EQ(found, expected);
     }
 }
 
