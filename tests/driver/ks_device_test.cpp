@@ -135,7 +135,7 @@ TEST_F(KsTest, KeepsWhatIsOpenUntilItClosesWhenTheDeviceVanishes) {
     EXPECT_TRUE(links().empty());
     ULONG value = 0;
     EXPECT_EQ(STATUS_SUCCESS,
-              property(filter, identifier(kOwnSet, 1, KSPROPERTY_TYPE_GET), value).status);
+              property(filter, makeProperty(kOwnSet, 1, KSPROPERTY_TYPE_GET), value).status);
     EXPECT_EQ(7u, value);
     m_script.log.clear();
     filter.close(); // its pin keeps it

@@ -57,10 +57,10 @@ TEST_F(KsTest, RefusesWhatNoPinTakes) {
          STATUS_INVALID_PARAMETER},
         {"interface", [](Connect& c) { c.connect.Interface.Id = 1; }, STATUS_NO_MATCH},
         {"medium", [](Connect& c) { c.connect.Medium.Set.Data1++; }, STATUS_NO_MATCH},
-        {"major format", [](Connect& c) { c.wave.header.MajorFormat.Data1++; }, STATUS_NO_MATCH},
-        {"subformat", [](Connect& c) { c.wave.header.SubFormat.Data1++; }, STATUS_NO_MATCH},
-        {"specifier", [](Connect& c) { c.wave.header.Specifier = kNone; }, STATUS_NO_MATCH},
-        {"attributes", [](Connect& c) { c.wave.header.Flags = KSDATAFORMAT_ATTRIBUTES; },
+        {"major format", [](Connect& c) { c.format.header.MajorFormat.Data1++; }, STATUS_NO_MATCH},
+        {"subformat", [](Connect& c) { c.format.header.SubFormat.Data1++; }, STATUS_NO_MATCH},
+        {"specifier", [](Connect& c) { c.format.header.Specifier = kNone; }, STATUS_NO_MATCH},
+        {"attributes", [](Connect& c) { c.format.header.Flags = KSDATAFORMAT_ATTRIBUTES; },
          STATUS_NO_MATCH},
         {"the driver", [](Connect&) {}, STATUS_NO_MATCH, 1},
     };
@@ -75,9 +75,9 @@ TEST_F(KsTest, RefusesWhatNoPinTakes) {
     // A wildcard agrees with both ranges; the driver takes the second.
     m_script.log.clear();
     Connect connect(kRender);
-    connect.wave.header.Specifier = GUID{};
+    connect.format.header.Specifier = GUID{};
     File pin = std::move(tryOpenPin(filter, connect).second);
-    EXPECT_TRUE(pin);
+    EXPECT_NE(nullptr, pin.get());
     EXPECT_EQ((Log{"SetDataFormat", "SetDataFormat", "PinCreate"}), m_script.log);
 }
 
@@ -110,7 +110,7 @@ TEST_F(KsTest, RefusesNamesThatHoldLessThanTheySay) {
     static_assert(sizeof(KSPIN_CONNECT) == 72);
     for (const auto& test : cases) {
         SCOPED_TRACE(test.what);
-        connect.wave.header.FormatSize = test.formatSize;
+        connect.format.header.FormatSize = test.formatSize;
         std::u16string text = test.prefix;
         text.resize(text.size() + test.bytes / 2);
         std::memcpy(text.data() + test.prefix.size(), &connect, test.bytes);
@@ -180,8 +180,8 @@ TEST_F(KsTest, StepsThroughTheStatesOneAtATime) {
         EXPECT_EQ(test.log, m_script.log);
         ULONG state = 99;
         EXPECT_EQ(STATUS_SUCCESS, property(pin,
-                                           identifier(kConnectionSet, KSPROPERTY_CONNECTION_STATE,
-                                                      KSPROPERTY_TYPE_GET),
+                                           makeProperty(kConnectionSet, KSPROPERTY_CONNECTION_STATE,
+                                                        KSPROPERTY_TYPE_GET),
                                            state)
                                       .status);
         EXPECT_EQ(static_cast<ULONG>(test.result), state);
@@ -205,27 +205,27 @@ TEST_F(KsTest, ChangesTheFormatWhereThePinAllows) {
     File fixed = openPin(filter, kRender);
     File free = openPin(filter, kWorker);
     Connect other(kWorker);
-    other.wave.rate = 44100;
+    other.format.wave.nSamplesPerSec = 44100;
     const KSPROPERTY get =
-        identifier(kConnectionSet, KSPROPERTY_CONNECTION_DATAFORMAT, KSPROPERTY_TYPE_GET);
+        makeProperty(kConnectionSet, KSPROPERTY_CONNECTION_DATAFORMAT, KSPROPERTY_TYPE_GET);
     const KSPROPERTY set =
-        identifier(kConnectionSet, KSPROPERTY_CONNECTION_DATAFORMAT, KSPROPERTY_TYPE_SET);
-    EXPECT_EQ(STATUS_INVALID_DEVICE_REQUEST, property(fixed, set, other.wave, 82).status);
+        makeProperty(kConnectionSet, KSPROPERTY_CONNECTION_DATAFORMAT, KSPROPERTY_TYPE_SET);
+    EXPECT_EQ(STATUS_INVALID_DEVICE_REQUEST, property(fixed, set, other.format, 82).status);
     m_script.setFormat = [](PKSPIN pin, const KSDATAFORMAT* old, const KSDATARANGE*) {
         EXPECT_NE(nullptr, old);
-        const auto& wave = reinterpret_cast<const Connect::Wave&>(*pin->ConnectionFormat);
-        return wave.rate == 44100 ? STATUS_SUCCESS : STATUS_NO_MATCH;
+        const auto& wave = reinterpret_cast<const client::AudioDataFormat&>(*pin->ConnectionFormat);
+        return wave.wave.nSamplesPerSec == 44100 ? STATUS_SUCCESS : STATUS_NO_MATCH;
     };
-    EXPECT_EQ(STATUS_SUCCESS, property(free, set, other.wave, 82).status);
-    Connect::Wave present;
+    EXPECT_EQ(STATUS_SUCCESS, property(free, set, other.format, 82).status);
+    client::AudioDataFormat present;
     EXPECT_EQ(82u, property(free, get, present, 0).information);
     EXPECT_EQ(STATUS_SUCCESS, property(free, get, present, 82).status);
-    EXPECT_EQ(44100u, present.rate);
-    other.wave.rate = 96000;
-    EXPECT_EQ(STATUS_NO_MATCH, property(free, set, other.wave, 82).status);
-    EXPECT_EQ(STATUS_INVALID_BUFFER_SIZE, property(free, set, other.wave, 80).status);
+    EXPECT_EQ(44100u, present.wave.nSamplesPerSec);
+    other.format.wave.nSamplesPerSec = 96000;
+    EXPECT_EQ(STATUS_NO_MATCH, property(free, set, other.format, 82).status);
+    EXPECT_EQ(STATUS_INVALID_BUFFER_SIZE, property(free, set, other.format, 80).status);
     EXPECT_EQ(STATUS_SUCCESS, property(free, get, present, 82).status);
-    EXPECT_EQ(44100u, present.rate);
+    EXPECT_EQ(44100u, present.wave.nSamplesPerSec);
 }
 
 TEST_F(KsTest, OpensNoPinWhenThePoolIsEmpty) {
@@ -240,7 +240,7 @@ TEST_F(KsTest, OpensNoPinWhenThePoolIsEmpty) {
             return;
         }
         EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, status);
-        EXPECT_FALSE(pin);
+        EXPECT_EQ(nullptr, pin.get());
     }
     FAIL() << "the pin never opened";
 }

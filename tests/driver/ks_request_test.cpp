@@ -10,7 +10,7 @@ constexpr GUID kUnknownSet = {0x22222222, 0, 0, {}};
 
 KSP_PIN pinProperty(ULONG id, ULONG pin) {
     KSP_PIN request = {};
-    request.Property = identifier(kPinSet, id, KSPROPERTY_TYPE_GET);
+    request.Property = makeProperty(kPinSet, id, KSPROPERTY_TYPE_GET);
     request.PinId = pin;
     return request;
 }
@@ -63,7 +63,7 @@ TEST_F(KsTest, ChecksTheSizesOfAPropertyBeforeTheDriverSeesIt) {
         SCOPED_TRACE(test.what);
         m_script.value = 7;
         KSP_NODE request = {};
-        request.Property = identifier(test.set, test.id, test.flags);
+        request.Property = makeProperty(test.set, test.id, test.flags);
         request.NodeId = 1; // the filter has node 0 only
         std::array<ULONG, 16> data{};
         data.fill(0xEEEEEEEE);
@@ -79,7 +79,7 @@ TEST_F(KsTest, ChecksTheSizesOfAPropertyBeforeTheDriverSeesIt) {
                                                                                       : 7u,
                   m_script.value);
     }
-    KSPROPERTY request = identifier(kOwnSet, 1, KSPROPERTY_TYPE_GET);
+    KSPROPERTY request = makeProperty(kOwnSet, 1, KSPROPERTY_TYPE_GET);
     EXPECT_EQ(STATUS_ACCESS_VIOLATION,
               control(filter, IOCTL_KS_PROPERTY, &request, 24, nullptr, 4).status);
     EXPECT_EQ(STATUS_ACCESS_VIOLATION,
@@ -94,12 +94,12 @@ TEST_F(KsTest, DescribesAPropertyByWhatItsTableAllows) {
     ULONG access = 0;
     EXPECT_EQ(
         STATUS_SUCCESS,
-        property(filter, identifier(kOwnSet, 1, KSPROPERTY_TYPE_BASICSUPPORT), access).status);
+        property(filter, makeProperty(kOwnSet, 1, KSPROPERTY_TYPE_BASICSUPPORT), access).status);
     EXPECT_EQ(ULONG{KSPROPERTY_TYPE_BASICSUPPORT | KSPROPERTY_TYPE_GET | KSPROPERTY_TYPE_SET},
               access);
     EXPECT_EQ(
         STATUS_SUCCESS,
-        property(filter, identifier(kOwnSet, 2, KSPROPERTY_TYPE_BASICSUPPORT), access).status);
+        property(filter, makeProperty(kOwnSet, 2, KSPROPERTY_TYPE_BASICSUPPORT), access).status);
     EXPECT_EQ(ULONG{KSPROPERTY_TYPE_BASICSUPPORT | KSPROPERTY_TYPE_GET}, access);
 }
 
@@ -109,7 +109,7 @@ TEST_F(KsTest, TellsAboutPins) {
     ULONG number = 0;
     EXPECT_EQ(
         STATUS_SUCCESS,
-        property(filter, identifier(kPinSet, KSPROPERTY_PIN_CTYPES, KSPROPERTY_TYPE_GET), number)
+        property(filter, makeProperty(kPinSet, KSPROPERTY_PIN_CTYPES, KSPROPERTY_TYPE_GET), number)
             .status);
     EXPECT_EQ(ULONG{kPinCount}, number);
     EXPECT_EQ(STATUS_INVALID_PARAMETER,
@@ -175,8 +175,8 @@ TEST_F(KsTest, TellsAboutTheTopologyAndItsNames) {
         KSTOPOLOGY_CONNECTION connections[2];
     } connections = {};
     EXPECT_EQ(STATUS_SUCCESS, property(filter,
-                                       identifier(kTopologySet, KSPROPERTY_TOPOLOGY_CONNECTIONS,
-                                                  KSPROPERTY_TYPE_GET),
+                                       makeProperty(kTopologySet, KSPROPERTY_TOPOLOGY_CONNECTIONS,
+                                                    KSPROPERTY_TYPE_GET),
                                        connections)
                                   .status);
     EXPECT_EQ(2u, connections.header.Count);
@@ -187,13 +187,13 @@ TEST_F(KsTest, TellsAboutTheTopologyAndItsNames) {
         GUID node;
     } nodes = {};
     const KSPROPERTY getNodes =
-        identifier(kTopologySet, KSPROPERTY_TOPOLOGY_NODES, KSPROPERTY_TYPE_GET);
+        makeProperty(kTopologySet, KSPROPERTY_TOPOLOGY_NODES, KSPROPERTY_TYPE_GET);
     EXPECT_EQ(sizeof(nodes), property(filter, getNodes, nodes, 0).information);
     EXPECT_EQ(STATUS_SUCCESS, property(filter, getNodes, nodes).status);
     EXPECT_EQ(kNodeType, nodes.node);
 
     KSP_NODE name = {};
-    name.Property = identifier(kTopologySet, KSPROPERTY_TOPOLOGY_NAME, KSPROPERTY_TYPE_GET);
+    name.Property = makeProperty(kTopologySet, KSPROPERTY_TOPOLOGY_NAME, KSPROPERTY_TYPE_GET);
     std::array<char16_t, 16> text{};
     EXPECT_EQ(STATUS_NOT_FOUND, property(filter, name, text).status);
     m_machine->registry().setString(
@@ -296,14 +296,14 @@ TEST_F(KsTest, MovesTheDataOfMethodsAsTheirFlagsSay) {
         struct {
             KSMETHOD method;
             ULONG extra[2];
-        } request = {identifier(kOwnSet, test.id, KSMETHOD_TYPE_SEND), {}};
+        } request = {makeProperty(kOwnSet, test.id, KSMETHOD_TYPE_SEND), {}};
         UCHAR data[4] = {10, 10, 10, 10};
         EXPECT_EQ(test.status, control(filter, IOCTL_KS_METHOD, &request, test.requestBytes, data,
                                        test.dataBytes)
                                    .status);
         EXPECT_EQ(test.result, data[0]);
     }
-    KSMETHOD request = identifier(kOwnSet, 1, KSMETHOD_TYPE_BASICSUPPORT);
+    KSMETHOD request = makeProperty(kOwnSet, 1, KSMETHOD_TYPE_BASICSUPPORT);
     ULONG flags = 0;
     EXPECT_EQ(STATUS_SUCCESS,
               control(filter, IOCTL_KS_METHOD, &request, sizeof(request), &flags, 4).status);
@@ -319,7 +319,7 @@ protected:
     static NTSTATUS enable(const File& file, Listener& listener, ULONG flags, ULONG id = 5) {
         listener.data.NotificationType = KSEVENTF_EVENT_HANDLE;
         listener.data.EventHandle.Event = listener.event.get();
-        KSEVENT request = identifier(kOwnSet, id, flags);
+        KSEVENT request = makeProperty(kOwnSet, id, flags);
         return control(file, IOCTL_KS_ENABLE_EVENT, &request, sizeof(request), &listener.data,
                        sizeof(listener.data))
             .status;
@@ -331,7 +331,7 @@ protected:
     }
     static Reply fetch(const File& file, Listener& listener, PVOID data, ULONG bytes) {
         KSQUERYBUFFER query = {};
-        query.Event = identifier(kOwnSet, 5, KSEVENT_TYPE_QUERYBUFFER);
+        query.Event = makeProperty(kOwnSet, 5, KSEVENT_TYPE_QUERYBUFFER);
         query.EventData = &listener.data;
         return control(file, IOCTL_KS_ENABLE_EVENT, &query, sizeof(query), data, bytes);
     }

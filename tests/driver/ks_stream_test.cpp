@@ -361,7 +361,7 @@ TEST_F(KsStream, CompletesInOrderAndWithTheTrailingEdgeWhereThePinAsksForIt) {
     eventData.NotificationType = KSEVENTF_EVENT_HANDLE;
     eventData.EventHandle.Event = ended.get();
     KSEVENT enable =
-        identifier(kConnectionEvents, KSEVENT_CONNECTION_ENDOFSTREAM, KSEVENT_TYPE_ENABLE);
+        makeProperty(kConnectionEvents, KSEVENT_CONNECTION_ENDOFSTREAM, KSEVENT_TYPE_ENABLE);
     EXPECT_EQ(STATUS_SUCCESS, control(m_pin, IOCTL_KS_ENABLE_EVENT, &enable, sizeof(enable),
                                       &eventData, sizeof(eventData))
                                   .status);

@@ -1,6 +1,7 @@
 // Isochronous transfers: when they may start, when they end, what their packets report.
 
 #include "tests/support/bus_machine.h"
+#include "tests/support/scripted_device.h"
 
 #include "devices/models.h"
 #include "platform/usb/bandwidth.h"
@@ -18,7 +19,7 @@ using tests::BusMachine;
 using tests::IsochronousRequest;
 
 // A stream of 8 bytes per frame each way, and a log of every packet.
-class Streamer : public devices::UsbDevice {
+class Streamer : public tests::ScriptedDevice {
 public:
     struct Packet {
         std::uint8_t endpoint;
@@ -27,19 +28,8 @@ public:
         std::byte first;
     };
 
-    devices::Speed speed() const override { return devices::Speed::High; }
+    Streamer() : ScriptedDevice(0x1209, 2, kConfiguration) {}
     void attach(devices::DeviceHost* host) override { attached = host != nullptr; }
-    devices::ControlReply control(const devices::SetupPacket& setup, std::uint64_t,
-                                  std::span<std::byte> data) override {
-        if (setup.bRequest != 6 || setup.wValue >> 8 != 2) {
-            return {};
-        }
-        const std::size_t length = std::min(kConfiguration.size(), data.size());
-        std::transform(kConfiguration.begin(),
-                       kConfiguration.begin() + static_cast<std::ptrdiff_t>(length), data.begin(),
-                       [](UCHAR value) { return std::byte{value}; });
-        return {.stalled = false, .length = length, .microframes = 1};
-    }
     void isochronousOut(std::uint8_t endpoint, std::uint64_t microframe,
                         std::span<const std::byte> packet) override {
         log.push_back(
@@ -52,10 +42,6 @@ public:
         log.push_back({endpoint, microframe, length, std::byte{0}});
         return length;
     }
-    devices::Handshake in(std::uint8_t, std::uint64_t, std::span<std::byte>) override { return {}; }
-    devices::Handshake out(std::uint8_t, std::uint64_t, std::span<const std::byte>) override {
-        return {};
-    }
 
     bool attached = false;
     std::vector<Packet> log;
@@ -63,7 +49,7 @@ public:
 
     // Interface 0: setting 1 has OUT 0x01 and IN 0x81 of 32 bytes each microframe, IN 0x82 of 4
     // bytes each eighth; setting 2 has OUT 0x01 with 3 * 1024 bytes each microframe.
-    static inline const std::vector<UCHAR> kConfiguration = {
+    static inline const tests::Bytes kConfiguration = {
         9, 2, 64, 0, 1,    1,    0,  0x80, 50, 9, 4, 0,    0,    0,    0xFF, 0,
         0, 0, 9,  4, 0,    1,    3,  0xFF, 0,  0, 0, 7,    5,    0x01, 5,    32,
         0, 1, 7,  5, 0x81, 5,    32, 0,    1,  7, 5, 0x82, 0x11, 4,    0,    4,

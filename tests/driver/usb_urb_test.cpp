@@ -1,6 +1,7 @@
 // URBs other than isochronous ones: what they put on the bus, how they end, what is refused.
 
 #include "tests/support/bus_machine.h"
+#include "tests/support/scripted_device.h"
 
 #include "devices/models.h"
 #include "platform/nt/pnp.h"
@@ -20,25 +21,21 @@ using tests::Request;
 
 // What the tests ask of a device besides the simulated interface: it notes every setup packet, and
 // its bulk endpoints 0x02 and 0x84 do as the test says.
-class Recorder : public devices::UsbDevice {
+class Recorder : public tests::ScriptedDevice {
 public:
-    devices::Speed speed() const override { return devices::Speed::High; }
+    Recorder() : ScriptedDevice(0x1209, 2, kConfiguration) {
+        first = [this](const devices::SetupPacket& setup, std::span<std::byte> data) -> Reply {
+            if (setup.bRequest == 6 && setup.wValue >> 8 == 2) {
+                return std::nullopt;
+            }
+            if (!answer.empty()) {
+                return send(answer, data);
+            }
+            return devices::ControlReply{
+                .stalled = stalls, .length = data.size(), .microframes = microframes};
+        };
+    }
     void attach(devices::DeviceHost* newHost) override { host = newHost; }
-    devices::ControlReply control(const devices::SetupPacket& setup, std::uint64_t,
-                                  std::span<std::byte> data) override {
-        setups.push_back(setup);
-        if (setup.bRequest == 6 && setup.wValue >> 8 == 2) {
-            return send(configuration, data);
-        }
-        if (!answer.empty()) {
-            return send(answer, data);
-        }
-        return {.stalled = stalls, .length = data.size(), .microframes = microframes};
-    }
-    void isochronousOut(std::uint8_t, std::uint64_t, std::span<const std::byte>) override {}
-    std::size_t isochronousIn(std::uint8_t, std::uint64_t, std::span<std::byte>) override {
-        return 0;
-    }
     Handshake in(std::uint8_t, std::uint64_t, std::span<std::byte> packet) override {
         ++asked;
         if (packets.empty()) {
@@ -58,23 +55,15 @@ public:
         return {.kind = Handshake::Kind::Ack, .length = packet.size()};
     }
 
-    static devices::ControlReply send(const std::vector<UCHAR>& bytes, std::span<std::byte> data) {
-        const std::size_t length = std::min(bytes.size(), data.size());
-        std::transform(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(length),
-                       data.begin(), [](UCHAR value) { return std::byte{value}; });
-        return {.stalled = false, .length = length, .microframes = 1};
-    }
-
     devices::DeviceHost* host = nullptr;
-    std::vector<devices::SetupPacket> setups;
-    std::vector<UCHAR> answer; // to every request but for the configuration
+    tests::Bytes answer; // to every request but for the configuration
     bool stalls = false;
     std::uint32_t microframes = 1;
     std::vector<std::vector<std::byte>> packets; // to send
     Handshake idle;                              // when there are none
     int asked = 0;
     std::vector<std::byte> received;
-    std::vector<UCHAR> configuration = {
+    static inline const tests::Bytes kConfiguration = {
         9, 2, 48, 0,    1, 1, 0, 0x80, 50, 9, 4,    0, 0, 3, 0xFF, 0, 0, 0, 7, 5, 0x02, 2, 0, 2,
         0, 7, 5,  0x84, 2, 0, 2, 0,    7,  5, 0x85, 3, 8, 0, 5,    9, 4, 0, 1, 0, 0xFF, 0, 0, 0,
     };
@@ -175,14 +164,14 @@ TEST(UsbUrb, ControlFunctionsBecomeTheirSetupPackets) {
         fillControl(urb, testCase.function, testCase.setup, data);
         urb.UrbHeader.Length = sizeof(URB);
         urb.UrbHeader.Function = testCase.function;
-        device->setups.clear();
+        device->requests.clear();
         EXPECT_EQ(request.send(), STATUS_PENDING);
         EXPECT_EQ(request.urbStatus(), USBD_STATUS_PENDING);
         EXPECT_EQ(request.wait(), STATUS_SUCCESS);
         EXPECT_EQ(request.urbStatus(), USBD_STATUS_SUCCESS);
         EXPECT_EQ(request.endedAt(), DISPATCH_LEVEL);
-        ASSERT_EQ(device->setups.size(), 1U);
-        EXPECT_EQ(text(device->setups[0]), testCase.setup);
+        ASSERT_EQ(device->requests.size(), 1U);
+        EXPECT_EQ(text(device->requests[0]), testCase.setup);
     }
 }
 
@@ -447,12 +436,12 @@ TEST(UsbUrb, AStallHaltsThePipeUntilItIsReset) {
     EXPECT_EQ(second.wait(), STATUS_CANCELLED);
 
     device->idle = {};
-    device->setups.clear();
+    device->requests.clear();
     EXPECT_EQ(
         machine.pipeRequest(URB_FUNCTION_SYNC_RESET_PIPE_AND_CLEAR_STALL, pipes[0].PipeHandle),
         USBD_STATUS_SUCCESS);
-    ASSERT_EQ(device->setups.size(), 1U);
-    EXPECT_EQ(text(device->setups[0]), "02 01 0000 0002 0");
+    ASSERT_EQ(device->requests.size(), 1U);
+    EXPECT_EQ(text(device->requests[0]), "02 01 0000 0002 0");
     build(first);
     EXPECT_EQ(first.sendAndWait(), STATUS_SUCCESS);
 }

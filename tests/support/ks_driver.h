@@ -4,6 +4,8 @@
 
 #include "platform/nt/kernel.h"
 
+#include "client/kshandle.h"
+#include "client/pinformat.h"
 #include "platform/nt/machine.h"
 #include "platform/nt/pnp.h"
 #include "platform/nt/rules.h"
@@ -22,6 +24,8 @@
 #include <vector>
 
 namespace kelvane::ks_test {
+
+using client::makeProperty;
 
 using Log = std::vector<std::string>;
 
@@ -336,28 +340,7 @@ inline NTSTATUS NTAPI onBusRequest(PDEVICE_OBJECT, PIRP irp) {
 
 // --- The application -----------------------------------------------------------------------------
 
-class File {
-public:
-    File() = default;
-    explicit File(HANDLE handle) : m_handle(handle) {}
-    File(File&& other) noexcept : m_handle(std::exchange(other.m_handle, nullptr)) {}
-    File& operator=(File&& other) noexcept {
-        close();
-        m_handle = std::exchange(other.m_handle, nullptr);
-        return *this;
-    }
-    ~File() { close(); }
-    void close() {
-        if (m_handle != nullptr) {
-            ZwClose(std::exchange(m_handle, nullptr));
-        }
-    }
-    HANDLE get() const { return m_handle; }
-    explicit operator bool() const { return m_handle != nullptr; }
-
-private:
-    HANDLE m_handle = nullptr;
-};
+using File = client::Handle;
 
 inline File makeEvent() {
     HANDLE handle = nullptr;
@@ -396,41 +379,17 @@ Reply property(const File& file, const Request& request, Data& data, ULONG bytes
     return control(file, IOCTL_KS_PROPERTY, &copy, sizeof(copy), &data, bytes);
 }
 
-inline KSPROPERTY identifier(const GUID& set, ULONG id, ULONG flags) {
-    KSPROPERTY property = {};
-    property.Set = set;
-    property.Id = id;
-    property.Flags = flags;
-    return property;
-}
-
 inline constexpr GUID kConnectionSet = {STATIC_KSPROPSETID_Connection};
 
 // `state` is a KSSTATE, or what no pin has.
 inline Reply setState(const File& pin, ULONG state) {
     return property(
-        pin, identifier(kConnectionSet, KSPROPERTY_CONNECTION_STATE, KSPROPERTY_TYPE_SET), state);
+        pin, makeProperty(kConnectionSet, KSPROPERTY_CONNECTION_STATE, KSPROPERTY_TYPE_SET), state);
 }
 
 // A format of 16-bit stereo PCM at 48 kHz and the KSPIN_CONNECT in front of it.
-struct Connect {
-    KSPIN_CONNECT connect = {};
-    struct Wave {
-        KSDATAFORMAT header = {};
-        USHORT tag = 1, channels = 2;
-        ULONG rate = 48000, bytesPerSecond = 192000;
-        USHORT blockAlign = 4, bits = 16, extra = 0;
-    } wave;
-
-    explicit Connect(ULONG pin) {
-        connect.Interface.Set = {STATIC_KSINTERFACESETID_Standard};
-        connect.Medium.Set = {STATIC_KSMEDIUMSETID_Standard};
-        connect.PinId = pin;
-        wave.header.FormatSize = sizeof(KSDATAFORMAT) + 18;
-        wave.header.MajorFormat = kAudio;
-        wave.header.SubFormat = kPcm;
-        wave.header.Specifier = kWaveFormat;
-    }
+struct Connect : client::PinConnection {
+    explicit Connect(ULONG pin) : PinConnection(client::makeConnection(pin, {})) {}
 };
 
 // One stream request with one or more frames of one buffer each.
@@ -555,7 +514,8 @@ protected:
     static std::pair<NTSTATUS, File> tryOpenPin(const File& filter, Connect connect) {
         HANDLE handle = nullptr;
         const NTSTATUS status =
-            KsCreatePin(filter.get(), &connect.connect, GENERIC_READ | GENERIC_WRITE, &handle);
+            KsCreatePin(filter.get(), reinterpret_cast<PKSPIN_CONNECT>(&connect),
+                        GENERIC_READ | GENERIC_WRITE, &handle);
         return {status, File(handle)};
     }
     static File openPin(const File& filter, ULONG id) {
