@@ -60,14 +60,25 @@ std::unique_ptr<IrpState> IrpTable::remove(IRP* irp) {
     return state;
 }
 
+namespace {
+
+bool isMarked(const IRP* irp, CHAR location) {
+    const auto* base = reinterpret_cast<const IO_STACK_LOCATION*>(irp + 1);
+    return (base[location - 1].Control & SL_PENDING_RETURNED) != 0;
+}
+
+} // namespace
+
 void IrpTable::enter(IrpState& state, IRP* irp, CallFrame& frame) {
     const std::scoped_lock guard(m_mutex);
     if (!state.sent) {
         state.sent = true;
         state.ownerLocation = irp->CurrentLocation;
     }
-    if (state.frames != nullptr && !state.frames->completed) {
-        state.frames->forwarded = true;
+    if (CallFrame* outer = state.frames;
+        outer != nullptr && !outer->completed && !outer->forwarded) {
+        outer->forwarded = true;
+        outer->marked = isMarked(irp, outer->location); // later, others may write there
     }
     irp->CurrentLocation--;
     irp->Tail.Overlay.CurrentStackLocation--;
@@ -88,9 +99,8 @@ void IrpTable::leave(IRP* irp, CallFrame& frame) {
             break;
         }
     }
-    if (!frame.completed) {
-        const IO_STACK_LOCATION* base = reinterpret_cast<const IO_STACK_LOCATION*>(irp + 1);
-        frame.marked = (base[frame.location - 1].Control & SL_PENDING_RETURNED) != 0;
+    if (!frame.completed && !frame.forwarded) {
+        frame.marked = isMarked(irp, frame.location);
     }
 }
 

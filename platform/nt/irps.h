@@ -24,7 +24,7 @@ struct CallFrame {
     CHAR location = 0;
     bool forwarded = false; // the routine passed the IRP on
     bool completed = false;
-    bool marked = false;              // IoMarkIrpPending, as the completion found it
+    bool marked = false; // IoMarkIrpPending, as passing it on or the completion found it
     NTSTATUS status = STATUS_SUCCESS; // that it was completed with
     bool gone = false;                // the IRP was freed, or made anew
 };
