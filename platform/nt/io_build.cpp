@@ -133,7 +133,7 @@ void finishIrp(IRP* irp, IrpState& state) {
             KeSetEvent(event, IO_NO_INCREMENT, FALSE);
         }
         if (file != nullptr) {
-            file->FinalStatus = result.Status;
+            InterlockedExchange(&file->FinalStatus, result.Status); // others may end meanwhile
             KeSetEvent(&file->Event, IO_NO_INCREMENT, FALSE);
         }
     }
