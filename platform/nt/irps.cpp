@@ -28,7 +28,7 @@ void IrpTable::add(IRP* irp, std::unique_ptr<IrpState> state) {
         slot = std::move(state);
     } else { // made anew, perhaps by a completion routine: the state stays where it is
         abandon(*slot);
-        *slot = std::move(*state);
+        *slot = *state;
     }
 }
 
@@ -120,11 +120,11 @@ std::optional<std::string> IrpTable::inUse(const std::byte* begin, const std::by
     const std::scoped_lock guard(m_mutex);
     for (auto next = m_irps.begin(); next != m_irps.end();) {
         const auto* address = reinterpret_cast<const std::byte*>(next->first);
-        if (address < begin || address >= end) {
-            ++next;
-        } else if (next->second->sent) {
+        const bool within = address >= begin && address < end;
+        if (within && next->second->sent) {
             return fmt::format("IRP {}, which is on its way", fmt::ptr(next->first));
-        } else if (next->second->owner == IrpOwner::Memory) {
+        }
+        if (within && next->second->owner == IrpOwner::Memory) {
             abandon(*next->second);
             next = m_irps.erase(next);
         } else {
