@@ -1,14 +1,17 @@
 // Sound through the whole driver: an application's pin at one end, the interface's converter at the
 // other. What is heard is what was sent, to the bit.
 #include "client/client.h"
-#include "devices/audio_sink.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <sndfile.h>
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
+#include <filesystem>
 #include <random>
+#include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace kelvane::client {
@@ -66,30 +69,26 @@ void play(RenderStream& stream, std::span<const std::byte> bytes) {
     stream.stop();
 }
 
-// What the converter has of 24 bits: the model's resolution. Its subslot has 32, and the driver's
-// most negative sample there is one above the lowest.
-std::vector<std::int32_t> heardSamples(const devices::BufferSink& sink, std::uint32_t rate) {
-    std::vector<std::int32_t> samples;
-    for (const auto& part : sink.parts()) {
-        if (part.format.rate != rate || part.format.subslotBytes != 4) {
-            continue;
-        }
-        const std::size_t old = samples.size();
-        samples.resize(old + part.frames.size() / 4);
-        std::memcpy(samples.data() + old, part.frames.data(), part.frames.size());
-    }
-    for (std::int32_t& sample : samples) {
-        sample >>= 8;
-    }
+// The WAV file of what the converter played: its 24 bits of each sample.
+std::vector<std::int32_t> readHeard(const std::string& path, std::uint32_t rate) {
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    EXPECT_NE(file, nullptr) << sf_strerror(nullptr);
+    EXPECT_EQ(info.samplerate, static_cast<int>(rate));
+    EXPECT_EQ(info.format, SF_FORMAT_WAV | SF_FORMAT_PCM_24);
+    std::vector<std::int32_t> samples(static_cast<std::size_t>(info.frames * info.channels));
+    sf_readf_int(file, samples.data(), info.frames);
+    sf_close(file);
+    std::filesystem::remove(path);
     return samples;
 }
 
 void expectHeardEqualsSent(const Run& run) {
-    auto sink = std::make_shared<devices::BufferSink>();
+    const std::string heardPath = testing::TempDir() + fmt::format("heard-{}.wav", getpid());
     SystemOptions options;
     options.ppm = run.ppm;
     options.transferFrames = run.transferFrames;
-    options.sink = sink;
+    options.outputFile = heardPath;
     // Four transfers and a part of one.
     const std::vector<std::int32_t> sent =
         makeNoise(run.format, run.format.rate * run.transferFrames * 9 / 2000);
@@ -103,14 +102,15 @@ void expectHeardEqualsSent(const Run& run) {
         EXPECT_EQ(system.deviceCounters().underruns, 0U);
         EXPECT_EQ(system.deviceCounters().overruns, 0U);
         EXPECT_EQ(system.warnings(), std::vector<std::string>());
+        system.finishDevice();
     }
-    const std::vector<std::int32_t> heard = heardSamples(*sink, run.format.rate);
+    const std::vector<std::int32_t> heard = readHeard(heardPath, run.format.rate);
     const auto first =
         std::find_if(heard.begin(), heard.end(), [](std::int32_t sample) { return sample != 0; });
     const auto length = static_cast<std::size_t>(heard.end() - first);
     ASSERT_GE(length, sent.size()) << "samples were lost at the end";
     for (std::size_t i = 0; i < length; ++i) {
-        ASSERT_EQ(first[static_cast<std::ptrdiff_t>(i)], i < sent.size() ? sent[i] >> 8 : 0)
+        ASSERT_EQ(first[static_cast<std::ptrdiff_t>(i)], i < sent.size() ? sent[i] & ~0xFF : 0)
             << "sample " << i << " of " << sent.size();
     }
 }
