@@ -45,9 +45,12 @@ std::string pinsText(const client::FilterInfo& filter) {
 std::string clocksText(const client::FilterInfo& filter) {
     std::string text = "\nclocks\n";
     for (const client::ClockInfo& clock : filter.clocks) {
-        text += fmt::format("  {:<3}{}{}, at {} Hz; offers {} Hz\n", clock.id,
+        text += fmt::format("  {:<3}{}{}", clock.id,
                             clock.name.empty() ? std::string() : fmt::format("'{}' ", clock.name),
-                            clock.type, clock.rate, fmt::join(clock.rates, ", "));
+                            clock.type);
+        text += clock.rates.empty() ? ", not asked for its rates\n"
+                                    : fmt::format(", at {} Hz; offers {} Hz\n", clock.rate,
+                                                  fmt::join(clock.rates, ", "));
     }
     return text;
 }
