@@ -114,9 +114,7 @@ void addInput(CLI::App& command, StreamOptions& options) {
 }
 
 void addBits(CLI::App& command, std::uint16_t& bits, const char* text) {
-    command.add_option("--bits", bits, text)
-        ->type_name("BITS")
-        ->check(CLI::IsMember({16, 24, 32}));
+    command.add_option("--bits", bits, text)->type_name("BITS")->check(CLI::IsMember({16, 24, 32}));
 }
 
 constexpr const char* kAnyFile = "Any file that libsndfile reads: WAV, FLAC, Ogg, ...";
