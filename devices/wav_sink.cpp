@@ -39,7 +39,7 @@ void WavSink::Close::operator()(void* file) const {
     sf_close(static_cast<SNDFILE*>(file));
 }
 
-WavSink::WavSink(std::string path) : m_path(linkTarget(path)), m_samples(kSamplesPerWrite) {
+WavSink::WavSink(const std::string& path) : m_path(linkTarget(path)), m_samples(kSamplesPerWrite) {
     if (std::filesystem::is_directory(m_path)) {
         throw DeviceError(
             fmt::format("{}: is a directory, expected the name of a WAV file", m_path));

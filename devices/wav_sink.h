@@ -18,7 +18,7 @@ namespace kelvane::devices {
 class WavSink : public AudioSink {
 public:
     // Throws DeviceError when nothing can be written there.
-    explicit WavSink(std::string path);
+    explicit WavSink(const std::string& path);
     ~WavSink() override; // without finish() nothing stays
     WavSink(const WavSink&) = delete;
     WavSink& operator=(const WavSink&) = delete;
