@@ -22,7 +22,7 @@ constexpr char kRateError[] = "kelvane: data rate error on input stream; packet 
 // A duplex device whose input sends packets of as many bytes as `sizes` gives, in turn.
 class Duplex {
 public:
-    explicit Duplex(std::vector<std::size_t> sizes, const AudioMachineOptions& options = {})
+    explicit Duplex(const std::vector<std::size_t>& sizes, const AudioMachineOptions& options = {})
         : device(std::make_shared<StreamDevice>(std::initializer_list<Bytes>{
               streamInterface(1, {.endpoint = kOutEndpoint, .packetBytes = 10 * kFrameBytes}),
               streamInterface(2, {.endpoint = kInEndpoint})})),
