@@ -2,11 +2,14 @@
 #include "platform/nt/kernel.h"
 
 #include "tests/driver/nt_support.h"
+#include "tests/support/system_thread.h"
 
 #include <array>
 
 namespace kelvane::nt {
 namespace {
+
+using tests::SystemThread;
 
 double nowMilliseconds() {
     return static_cast<double>(Machine::current().scheduler().now()) / kMillisecond;
@@ -16,29 +19,6 @@ NTSTATUS waitFor(void* object, LONGLONG timeout) {
     LARGE_INTEGER time = milliseconds(timeout);
     return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, &time);
 }
-
-// Runs `body` as a system thread; the destructor waits for its end.
-class SystemThread {
-public:
-    explicit SystemThread(std::function<void()> body) : m_body(std::move(body)) {
-        PsCreateSystemThread(&m_handle, 0, nullptr, nullptr, nullptr, run, this);
-    }
-    ~SystemThread() {
-        ZwWaitForSingleObject(m_handle, FALSE, nullptr);
-        ZwClose(m_handle);
-    }
-    SystemThread(const SystemThread&) = delete;
-    SystemThread& operator=(const SystemThread&) = delete;
-
-private:
-    static void NTAPI run(PVOID self) {
-        static_cast<SystemThread*>(self)->m_body();
-        PsTerminateSystemThread(STATUS_SUCCESS);
-        ADD_FAILURE() << "PsTerminateSystemThread returned";
-    }
-    std::function<void()> m_body;
-    HANDLE m_handle = nullptr;
-};
 
 // What a wait leaves of each kind of object.
 TEST(Wait, EndsByTheObjectsOwnRules) {
