@@ -430,14 +430,9 @@ PDEVICE_OBJECT AudioControlInterface::LowerDevice() const {
     return m_Provider->GetDevice()->LowerDevice();
 }
 
-NTSTATUS AudioControlInterface::USBAudioControlRequest(PDEVICE_OBJECT device, bool in,
-                                                       UCHAR bRequest,
-                                                       const AudioControlTarget& target,
-                                                       void* buffer, ULONG length) {
-    DbgPrint("%s(bRequest = 0x%x, entityID = 0x%x, interfaceNumber = 0x%x, controlSelector = "
-             "0x%x, channelNumber = 0x%x)\n",
-             "USBAudioControlRequest", bRequest, target.entityID, target.interfaceNumber,
-             target.controlSelector, target.channelNumber);
+NTSTATUS AudioControlInterface::SendClassRequest(PDEVICE_OBJECT device, bool in, UCHAR bRequest,
+                                                 const AudioControlTarget& target, void* buffer,
+                                                 ULONG length, ULONG milliseconds) {
     _URB_CONTROL_VENDOR_OR_CLASS_REQUEST urb = {};
     urb.Hdr.Length = sizeof(urb);
     urb.Hdr.Function = URB_FUNCTION_CLASS_INTERFACE;
@@ -447,7 +442,18 @@ NTSTATUS AudioControlInterface::USBAudioControlRequest(PDEVICE_OBJECT device, bo
     urb.Request = bRequest;
     urb.Value = static_cast<USHORT>((target.controlSelector << 8) | target.channelNumber);
     urb.Index = static_cast<USHORT>((target.entityID << 8) | target.interfaceNumber);
-    return UsbSubmitUrbSync(device, &urb, kUsbTimeout);
+    return UsbSubmitUrbSync(device, &urb, milliseconds);
+}
+
+NTSTATUS AudioControlInterface::USBAudioControlRequest(PDEVICE_OBJECT device, bool in,
+                                                       UCHAR bRequest,
+                                                       const AudioControlTarget& target,
+                                                       void* buffer, ULONG length) {
+    DbgPrint("%s(bRequest = 0x%x, entityID = 0x%x, interfaceNumber = 0x%x, controlSelector = "
+             "0x%x, channelNumber = 0x%x)\n",
+             "USBAudioControlRequest", bRequest, target.entityID, target.interfaceNumber,
+             target.controlSelector, target.channelNumber);
+    return SendClassRequest(device, in, bRequest, target, buffer, length, kUsbTimeout);
 }
 
 NTSTATUS AudioControlInterface::setCurRequest(PDEVICE_OBJECT device,

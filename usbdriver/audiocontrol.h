@@ -81,7 +81,11 @@ public:
     // The interrupt cycle: one transfer, its completion, its work item, the next transfer.
     NTSTATUS startInterruptUrb();
 
-    // One class request. The data stage is `length` bytes; 1000 ms.
+    // One class request. The data stage is `length` bytes.
+    static NTSTATUS SendClassRequest(PDEVICE_OBJECT device, bool in, UCHAR bRequest,
+                                     const AudioControlTarget& target, void* buffer, ULONG length,
+                                     ULONG milliseconds);
+    // The same, traced; 1000 ms.
     static NTSTATUS USBAudioControlRequest(PDEVICE_OBJECT device, bool in, UCHAR bRequest,
                                            const AudioControlTarget& target, void* buffer,
                                            ULONG length);

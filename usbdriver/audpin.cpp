@@ -46,12 +46,6 @@ UsbAudioPin* UsbAudioPin::FromKsPin(PKSPIN pin) {
     return object != nullptr && object->m_Signature == kSignature ? object : nullptr;
 }
 
-UsbAudioDevice* UsbAudioPin::DeviceOf(PKSPIN pin) {
-    const PKSFILTER filter = KsPinGetParentFilter(pin);
-    const PKSDEVICE device = filter == nullptr ? nullptr : KsFilterGetDevice(filter);
-    return device == nullptr ? nullptr : UsbAudioDevice::FromKsDevice(device);
-}
-
 const KSDATAFORMAT_WAVEFORMATEX* UsbAudioPin::ConnectionFormatOf(PKSPIN pin) {
     const KSDATAFORMAT* const format = pin->ConnectionFormat;
     if (format == nullptr || format->FormatSize < sizeof(KSDATAFORMAT_WAVEFORMATEX)) {
@@ -64,7 +58,7 @@ const KSDATAFORMAT_WAVEFORMATEX* UsbAudioPin::ConnectionFormatOf(PKSPIN pin) {
 
 NTSTATUS NTAPI UsbAudioPin::DispatchCreate(PKSPIN pin, PIRP) {
     DbgPrint("<%d> UsbAudioPin::DispatchCreate()\n", CurrentProcess());
-    UsbAudioDevice* const device = DeviceOf(pin);
+    UsbAudioDevice* const device = UsbAudioDevice::FromKsPin(pin);
     if (device == nullptr) {
         return STATUS_INTERNAL_ERROR;
     }

@@ -51,7 +51,6 @@ public:
 private:
     // Null when the pin is none of ours.
     static UsbAudioPin* FromKsPin(PKSPIN pin);
-    static UsbAudioDevice* DeviceOf(PKSPIN pin);
     // Null when the format that the application gave is too short to be one.
     static const KSDATAFORMAT_WAVEFORMATEX* ConnectionFormatOf(PKSPIN pin);
     static bool IsCapture(PKSPIN pin) { return pin->DataFlow == KSPIN_DATAFLOW_OUT; }

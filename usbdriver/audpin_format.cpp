@@ -92,7 +92,7 @@ NTSTATUS NTAPI UsbAudioPin::DispatchSetDataFormat(PKSPIN pin, PKSDATAFORMAT, PKS
     DbgPrint("    format.nBlockAlign     = %d\n", format.nBlockAlign);
     DbgPrint("    format.wBitsPerSample  = %d\n", format.wBitsPerSample);
 
-    UsbAudioDevice* const device = DeviceOf(pin);
+    UsbAudioDevice* const device = UsbAudioDevice::FromKsPin(pin);
     UsbAudioStream* const stream =
         device == nullptr ? nullptr : device->GetAudioStream(IsCapture(pin));
     if (stream == nullptr) {
@@ -130,10 +130,10 @@ NTSTATUS NTAPI UsbAudioPin::IntersectHandler(PVOID, PIRP, PKSP_PIN, PKSDATARANGE
     if (descriptorRange->FormatSize < sizeof(KSDATARANGE_AUDIO)) {
         return ReturnEarly(128, STATUS_NO_MATCH);
     }
-    if (!IsEqualGUIDAligned(callerRange->MajorFormat, kTypeAudio)) {
+    if (!IsSameGuid(callerRange->MajorFormat, kTypeAudio)) {
         return ReturnEarly(132, STATUS_NO_MATCH);
     }
-    if (!IsEqualGUIDAligned(descriptorRange->MajorFormat, kTypeAudio)) {
+    if (!IsSameGuid(descriptorRange->MajorFormat, kTypeAudio)) {
         return ReturnEarly(136, STATUS_NO_MATCH);
     }
     const auto& caller = *reinterpret_cast<const KSDATARANGE_AUDIO*>(callerRange);

@@ -58,7 +58,7 @@ constexpr KSPROPERTY_SET kPropertySets[] = {Set(kAudioProperties, kAudioItems),
                                             Set(KSPROPERTYSET_Kelvane, kOwnItems)};
 
 bool Names(const KSIDENTIFIER& request, const GUID& set, ULONG id) {
-    return IsEqualGUIDAligned(request.Set, set) && request.Id == id;
+    return IsSameGuid(request.Set, set) && request.Id == id;
 }
 
 template <class T>

@@ -103,6 +103,8 @@ NTSTATUS UsbAudioStream::StartStreaming() {
     }
     PrepareRecovery();
     ResetStatistics();
+    // After a pause the transfers still hold what they carried before it, which has been heard.
+    RtlZeroMemory(m_DataBuffer.Data(), m_DataBufferSize);
 
     const ULONG nextStartFrame = TakeStartFrame();
     m_NextStartFrame = nextStartFrame + kNumUrbs * m_UrbSize;

@@ -1,4 +1,5 @@
-// The life of a device: construction, start, removal. Its clock is in device_clock.cpp.
+// The life of a device: construction, start, removal. Its clock is in device_clock.cpp, its
+// MIDI in device_midi.cpp.
 #include "usbdriver/device.h"
 
 #include "usbdriver/audiocontrol.h"
@@ -13,6 +14,7 @@ namespace {
 constexpr UCHAR kClassAudio = 0x01;
 constexpr UCHAR kSubClassAudioControl = 0x01;
 constexpr UCHAR kSubClassAudioStreaming = 0x02;
+constexpr UCHAR kSubClassMidiStreaming = 0x03;
 constexpr UCHAR kClassApplicationSpecific = 0xFE;
 constexpr UCHAR kSubClassDfu = 0x01;
 
@@ -69,6 +71,12 @@ void UsbAudioDevice::WriteSetting(const WCHAR* name, ULONG value) const {
     if (m_RegistryKey != nullptr) {
         RegSetValue(m_RegistryKey, name, value);
     }
+}
+
+UsbAudioDevice* UsbAudioDevice::FromKsPin(PKSPIN pin) {
+    const PKSFILTER filter = KsPinGetParentFilter(pin);
+    const PKSDEVICE device = filter == nullptr ? nullptr : KsFilterGetDevice(filter);
+    return device == nullptr ? nullptr : FromKsDevice(device);
 }
 
 // --- Start --------------------------------------------------------------------------------------
@@ -220,6 +228,8 @@ NTSTATUS UsbAudioDevice::Enumerate() {
             CreateAudioControl(i);
         } else if (IsInterface(provider, kClassAudio, kSubClassAudioStreaming)) {
             CreateAudioStream(i);
+        } else if (IsInterface(provider, kClassAudio, kSubClassMidiStreaming)) {
+            CreateMidiPipes(i);
         }
     }
     return STATUS_SUCCESS;
@@ -273,6 +283,11 @@ void UsbAudioDevice::SurpriseRemoval() {
 }
 
 void UsbAudioDevice::SetPower(DEVICE_POWER_STATE state) {
+    if (state == PowerDeviceD0) {
+        StartMidi();
+    } else if (state == PowerDeviceD3) {
+        StopMidi();
+    }
     const MutexHolder holder(&m_StreamsMutex);
     if (state == PowerDeviceD0) {
         ForEachStream([](UsbAudioStream* stream) { stream->Resume(); });
@@ -283,6 +298,7 @@ void UsbAudioDevice::SetPower(DEVICE_POWER_STATE state) {
 
 void UsbAudioDevice::Remove() {
     DbgPrint("UsbAudioDevice::Remove()\n");
+    RemoveMidi();
     delete m_AudioStream_In;
     m_AudioStream_In = nullptr;
     delete m_AudioStream_Out;

@@ -11,12 +11,26 @@ namespace {
 
 constexpr NTSTATUS kSampleRateIsLocked = static_cast<NTSTATUS>(0xC0000708);
 
+// Holds the class driver's device lock for the length of a scope: no filter comes or goes. Taken
+// ahead of the streams' mutex; whoever holds it may take it again.
+class DeviceHolder {
+public:
+    explicit DeviceHolder(PKSDEVICE device) : m_Device(device) { KsAcquireDevice(m_Device); }
+    ~DeviceHolder() { KsReleaseDevice(m_Device); }
+    DeviceHolder(const DeviceHolder&) = delete;
+    DeviceHolder& operator=(const DeviceHolder&) = delete;
+
+private:
+    PKSDEVICE m_Device;
+};
+
 } // namespace
 
 // --- Sample rate --------------------------------------------------------------------------------
 
 NTSTATUS UsbAudioDevice::SetHardwareSampleRate(ULONG rate) {
     constexpr char kFunction[] = "UsbAudioDevice::SetHardwareSampleRate";
+    const DeviceHolder deviceHolder(m_KsDevice); // the filters are told
     const MutexHolder holder(&m_StreamsMutex);
     if (m_SampleRateLocks != 0) {
         return kSampleRateIsLocked;
@@ -54,6 +68,7 @@ NTSTATUS UsbAudioDevice::SetHardwareSampleRate(ULONG rate) {
 }
 
 bool UsbAudioDevice::LockSampleRate(ULONG rate) {
+    const DeviceHolder deviceHolder(m_KsDevice);
     const MutexHolder holder(&m_StreamsMutex);
     if (m_SampleRate != rate && !NT_SUCCESS(SetHardwareSampleRate(rate))) {
         return false;
@@ -69,6 +84,26 @@ void UsbAudioDevice::UnlockSampleRate() {
         return;
     }
     --m_SampleRateLocks;
+}
+
+ULONG UsbAudioDevice::ReadSampleRate() {
+    const MutexHolder holder(&m_StreamsMutex);
+    ULONG rate = 0;
+    const bool known = m_AudioControlInterface != nullptr &&
+                       NT_SUCCESS(m_AudioControlInterface->getSampleRate(&rate));
+    return known ? rate : 0;
+}
+
+void UsbAudioDevice::SelectClockSource(ULONG index) {
+    const MutexHolder holder(&m_StreamsMutex);
+    if (m_AudioControlInterface != nullptr) {
+        m_AudioControlInterface->setClockSourceIndex(index);
+    }
+}
+
+ULONG UsbAudioDevice::GetClockSource() {
+    const MutexHolder holder(&m_StreamsMutex);
+    return m_AudioControlInterface != nullptr ? m_AudioControlInterface->getClockSourceIndex() : 0;
 }
 
 // --- Streams ------------------------------------------------------------------------------------
@@ -93,6 +128,21 @@ void UsbAudioDevice::StreamStop(UsbAudioStreamClient* pin, UsbAudioStream* strea
     }
 }
 
+ULONG UsbAudioDevice::GetClientProcesses(std::span<ULONG> processes) {
+    const MutexHolder holder(&m_StreamsMutex); // a client found stays
+    UsbAudioStream* const output = GetAudioStream(false);
+    ULONG count = 0;
+    while (output != nullptr && count < processes.size()) {
+        UsbAudioStreamClient* const client = output->GetClient(count);
+        if (client == nullptr) {
+            break;
+        }
+        processes[count++] =
+            static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(client->GetProcessId()));
+    }
+    return count;
+}
+
 void UsbAudioDevice::EnableAsynchronousClocking(bool enable) {
     TraceEntry("UsbAudioDevice::EnableAsynchronousClocking");
     if (m_ClockSync == nullptr) {
@@ -114,8 +164,8 @@ NTSTATUS UsbAudioDevice::SetUrbSize(ULONG size) {
         return STATUS_INVALID_PARAMETER;
     }
     m_UrbSize = size;
-    KsAcquireDevice(m_KsDevice);
     {
+        const DeviceHolder deviceHolder(m_KsDevice);
         const MutexHolder holder(&m_StreamsMutex);
         ForEachStream([](UsbAudioStream* stream) { stream->Pause(); });
         ForEachStream([](UsbAudioStream* stream) { stream->StreamingCleanup(); });
@@ -124,7 +174,6 @@ NTSTATUS UsbAudioDevice::SetUrbSize(ULONG size) {
         ForEachStream([](UsbAudioStream* stream) { stream->StreamingSetup(); });
         ForEachStream([](UsbAudioStream* stream) { stream->Resume(); });
     }
-    KsReleaseDevice(m_KsDevice);
     WriteSetting(L"UrbSize", m_UrbSize);
     return STATUS_SUCCESS;
 }

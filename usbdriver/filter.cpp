@@ -3,6 +3,9 @@
 #include "usbdriver/audpin.h"
 #include "usbdriver/device.h"
 #include "usbdriver/guids.h"
+#include "usbdriver/midipin.h"
+#include "usbdriver/pinname.h"
+#include "usbdriver/vendor_sets.h"
 
 namespace {
 
@@ -21,6 +24,7 @@ constexpr GUID kLineConnector = {STATIC_KSNODETYPE_LINE_CONNECTOR};
 constexpr GUID kAdc = {STATIC_KSNODETYPE_ADC};
 constexpr GUID kDac = {STATIC_KSNODETYPE_DAC};
 constexpr GUID kPinProperties = {STATIC_KSPROPSETID_Pin};
+constexpr GUID kMidiName = {STATIC_KSAUDFNAME_MIDI};
 constexpr GUID kTypeAudio = {STATIC_KSDATAFORMAT_TYPE_AUDIO};
 constexpr GUID kSubtypePcm = {STATIC_KSDATAFORMAT_SUBTYPE_PCM};
 constexpr GUID kSubtypeAnalog = {STATIC_KSDATAFORMAT_SUBTYPE_ANALOG};
@@ -29,18 +33,6 @@ constexpr GUID kSpecifierDirectSound = {STATIC_KSDATAFORMAT_SPECIFIER_DSOUND};
 constexpr GUID kSpecifierNone = {STATIC_KSDATAFORMAT_SPECIFIER_NONE};
 
 // --- Automation ---------------------------------------------------------------------------------
-
-// Audio pins have no names of their own: an empty answer lets the system keep its default.
-NTSTATUS NTAPI GetPinName(PIRP irp, PKSIDENTIFIER request, PVOID) {
-    CheckPageable();
-    const PKSFILTER filter = KsGetFilterFromIrp(irp);
-    if (!IsEqualGUIDAligned(request->Set, kPinProperties) || request->Id != KSPROPERTY_PIN_NAME ||
-        filter == nullptr || KsFilterGetDevice(filter) == nullptr) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    irp->IoStatus.Information = 0;
-    return STATUS_SUCCESS;
-}
 
 constexpr KSPROPERTY_ITEM PinNameItem() {
     KSPROPERTY_ITEM item = {};
@@ -59,10 +51,28 @@ constexpr KSEVENT_ITEM EventItem(ULONG id) {
 }
 
 constexpr KSPROPERTY_ITEM kPinItems[] = {PinNameItem()};
-constexpr KSPROPERTY_SET kPropertySets[] = {{
-    .Set = &kPinProperties,
-    .PropertiesCount = 1,
-    .PropertyItem = kPinItems,
+constexpr KSPROPERTY_SET kPropertySets[] = {
+    {
+        .Set = &kPinProperties,
+        .PropertiesCount = 1,
+        .PropertyItem = kPinItems,
+        .FastIoCount = 0,
+        .FastIoTable = nullptr,
+    },
+    {
+        .Set = &KSPROPERTYSET_Kelvane,
+        .PropertiesCount = kVendorPropertyCount,
+        .PropertyItem = kVendorProperties,
+        .FastIoCount = 0,
+        .FastIoTable = nullptr,
+    },
+};
+constexpr ULONG kSetsWithoutStream = 1; // only with an audio stream is there anything to control
+constexpr ULONG kSetsWithStream = 2;
+constexpr KSMETHOD_SET kMethodSets[] = {{
+    .Set = &KSMETHODSETID_Kelvane,
+    .MethodsCount = kVendorMethodCount,
+    .MethodItem = kVendorMethods,
     .FastIoCount = 0,
     .FastIoTable = nullptr,
 }};
@@ -74,12 +84,12 @@ constexpr KSEVENT_SET kEventSets[] = {{
     .EventItem = kEventItems,
 }};
 constexpr KSAUTOMATION_TABLE kAutomationTable = {
-    .PropertySetsCount = 1,
+    .PropertySetsCount = kSetsWithoutStream,
     .PropertyItemSize = sizeof(KSPROPERTY_ITEM),
     .PropertySets = kPropertySets,
-    .MethodSetsCount = 0,
+    .MethodSetsCount = 1,
     .MethodItemSize = sizeof(KSMETHOD_ITEM),
-    .MethodSets = nullptr,
+    .MethodSets = kMethodSets,
     .EventSetsCount = 1,
     .EventItemSize = sizeof(KSEVENT_ITEM),
     .EventSets = kEventSets,
@@ -114,6 +124,18 @@ static_assert(sizeof(KSDATARANGE_AUDIO) == 88);
 constexpr KSDATARANGE_AUDIO kAnalogRange = AnalogRange();
 constexpr PKSDATARANGE kAnalogRanges[] = {const_cast<PKSDATARANGE>(&kAnalogRange.DataRange)};
 
+constexpr KSDATARANGE kMidiBusRange = {{
+    .FormatSize = sizeof(KSDATARANGE),
+    .Flags = 0,
+    .SampleSize = 0,
+    .Reserved = 0,
+    .MajorFormat = {STATIC_KSDATAFORMAT_TYPE_MUSIC},
+    .SubFormat = {STATIC_KSDATAFORMAT_SUBTYPE_MIDI_BUS},
+    .Specifier = {STATIC_KSDATAFORMAT_SPECIFIER_NONE},
+}};
+static_assert(sizeof(KSDATARANGE) == 64);
+constexpr PKSDATARANGE kMidiBusRanges[] = {const_cast<PKSDATARANGE>(&kMidiBusRange)};
+
 // --- Pins ---------------------------------------------------------------------------------------
 
 KSPIN_DESCRIPTOR_EX StreamingPin(bool input, const PKSDATARANGE* ranges, ULONG rangeCount) {
@@ -143,6 +165,19 @@ KSPIN_DESCRIPTOR_EX BridgePin(bool input) {
     pin.PinDescriptor.Category = &kLineConnector;
     pin.PinDescriptor.Name = &kLineConnector;
     pin.InstancesPossible = 1;
+    return pin;
+}
+
+// The embedded jack behind a MIDI port.
+KSPIN_DESCRIPTOR_EX MidiBridgePin(bool input) {
+    KSPIN_DESCRIPTOR_EX pin = {};
+    pin.PinDescriptor.DataRangesCount = 1;
+    pin.PinDescriptor.DataRanges = kMidiBusRanges;
+    pin.PinDescriptor.DataFlow = input ? KSPIN_DATAFLOW_IN : KSPIN_DATAFLOW_OUT;
+    pin.PinDescriptor.Communication = KSPIN_COMMUNICATION_NONE;
+    pin.PinDescriptor.Category = kCategoryAudio;
+    pin.PinDescriptor.Name = &kMidiName;
+    pin.InstancesPossible = KSINSTANCE_INDETERMINATE;
     return pin;
 }
 
@@ -188,8 +223,7 @@ NTSTATUS FilterDescriptor::AddAudioPins(bool input) {
     const ULONG pin = m_Descriptor.PinDescriptorsCount;
     const ULONG node = m_Descriptor.NodeDescriptorsCount;
     const ULONG connection = m_Descriptor.ConnectionsCount;
-    if (pin + 2 > kMaxFilterPins || node + 1 > kMaxFilterNodes ||
-        connection + 2 > kMaxFilterConnections) {
+    if (!HasRoom(1, 2)) {
         DbgPrint("%s() Error: no room for more pins\n", "FilterDescriptor::AddAudioPins");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -208,7 +242,29 @@ NTSTATUS FilterDescriptor::AddAudioPins(bool input) {
     m_Descriptor.PinDescriptorsCount += 2;
     m_Descriptor.NodeDescriptorsCount += 1;
     m_Descriptor.ConnectionsCount += 2;
+    m_AutomationTable.PropertySetsCount = kSetsWithStream;
     return STATUS_SUCCESS;
+}
+
+ULONG FilterDescriptor::AddMidiPins(bool input, bool hidden, bool exclusive) {
+    if (!HasRoom(0, 1)) {
+        DbgPrint("%s() Error: no room for more pins\n", "FilterDescriptor::AddMidiPins");
+        return kNoPin;
+    }
+    const ULONG pin = m_Descriptor.PinDescriptorsCount;
+    m_Pins[pin] = UsbMidiPin::Descriptor(input, hidden, exclusive);
+    m_Pins[pin + 1] = MidiBridgePin(input);
+    m_Connections[m_Descriptor.ConnectionsCount] = {KSFILTER_NODE, input ? pin + 1 : pin,
+                                                    KSFILTER_NODE, input ? pin : pin + 1};
+    m_Descriptor.PinDescriptorsCount += 2;
+    m_Descriptor.ConnectionsCount += 1;
+    return pin;
+}
+
+bool FilterDescriptor::HasRoom(ULONG nodes, ULONG connections) const {
+    return m_Descriptor.PinDescriptorsCount + 2 <= kMaxFilterPins &&
+           m_Descriptor.NodeDescriptorsCount + nodes <= kMaxFilterNodes &&
+           m_Descriptor.ConnectionsCount + connections <= kMaxFilterConnections;
 }
 
 void FilterDescriptor::SetSampleRateRange(ULONG lowest, ULONG highest) {

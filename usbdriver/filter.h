@@ -1,5 +1,6 @@
 // The filter that a device publishes: a descriptor that starts empty and grows by a pin pair for
-// every audio stream found, and is complete when the filter factory is made from it.
+// every audio stream and every MIDI port found, and is complete when the filter factory is made
+// from it.
 //
 // Built at PASSIVE_LEVEL while the device starts; not changed afterwards.
 #pragma once
@@ -9,6 +10,7 @@
 constexpr ULONG kMaxFilterPins = 32;
 constexpr ULONG kMaxFilterNodes = 32;
 constexpr ULONG kMaxFilterConnections = 32;
+constexpr ULONG kNoPin = 0xFFFFFFFF; // in place of a pin ID
 
 class FilterDescriptor final : public PoolObject {
 public:
@@ -19,12 +21,17 @@ public:
     // A streaming pin, its bridge pin, the converter node between them. Adds nothing, and returns
     // STATUS_INSUFFICIENT_RESOURCES, when the descriptor is full.
     NTSTATUS AddAudioPins(bool input);
+    // A streaming pin for a MIDI port (UsbMidiPin::Descriptor has the arguments), connected
+    // straight to its bridge pin. Returns the streaming pin's ID; adds nothing, and returns kNoPin,
+    // when the descriptor is full.
+    ULONG AddMidiPins(bool input, bool hidden, bool exclusive);
     void SetSampleRateRange(ULONG lowest, ULONG highest); // Hz, of all audio data ranges
     void SetMaximumChannels(bool input, ULONG channels);
 
     const KSFILTER_DESCRIPTOR* Descriptor() const { return &m_Descriptor; }
 
 private:
+    bool HasRoom(ULONG nodes, ULONG connections) const; // and for two pins
     // The WAVEFORMATEX and the DSOUND range of one direction.
     struct AudioRanges {
         static constexpr ULONG kCount = 2;

@@ -6,9 +6,9 @@ namespace {
 
 constexpr LONGLONG kUnitsPerMillisecond = 10000; // of 100 ns
 
-void TraceUrb(const char* text, NTSTATUS status, const URB* urb) {
-    DbgPrint(text, status, urb->UrbHeader.Status);
-    DbgPrint("UsbSubmitUrbSync() :   Urb.Function = 0x%x\n", urb->UrbHeader.Function);
+void TraceUrb(const char* text, NTSTATUS status, const _URB_HEADER* urb) {
+    DbgPrint(text, status, urb->Status);
+    DbgPrint("UsbSubmitUrbSync() :   Urb.Function = 0x%x\n", urb->Function);
 }
 
 // The I/O manager signals the event and frees the IRP in a kernel APC of this thread. With APCs
@@ -41,7 +41,7 @@ NTSTATUS WaitForRequest(PIRP irp, PKEVENT completed, const IO_STATUS_BLOCK& resu
 
 } // namespace
 
-NTSTATUS UsbSubmitUrbSync(PDEVICE_OBJECT device, PURB urb, ULONG milliseconds) {
+NTSTATUS UsbSubmitUrbSync(PDEVICE_OBJECT device, _URB_HEADER* urb, ULONG milliseconds) {
     if (device == nullptr) {
         return STATUS_DEVICE_REMOVED;
     }
@@ -56,7 +56,7 @@ NTSTATUS UsbSubmitUrbSync(PDEVICE_OBJECT device, PURB urb, ULONG milliseconds) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     IoGetNextIrpStackLocation(irp)->Parameters.Others.Argument1 = urb;
-    urb->UrbHeader.Status = kUrbStatusUnset;
+    urb->Status = kUrbStatusUnset;
 
     NTSTATUS status = IoCallDriver(device, irp);
     if (status == STATUS_PENDING) {
@@ -68,7 +68,7 @@ NTSTATUS UsbSubmitUrbSync(PDEVICE_OBJECT device, PURB urb, ULONG milliseconds) {
     }
     if (!NT_SUCCESS(status)) {
         TraceUrb("UsbSubmitUrbSync() : status = %x urbStatus = %x\n", status, urb);
-        return urb->UrbHeader.Status;
+        return urb->Status;
     }
     return status;
 }

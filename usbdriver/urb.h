@@ -9,16 +9,19 @@ constexpr ULONG kWaitForever = 0xFFFFFFFFu; // as a time-out
 // The value that an URB's status has until the bus driver writes one.
 constexpr USBD_STATUS kUrbStatusUnset = static_cast<USBD_STATUS>(0xFFFFFFFFu);
 
-// Sends `urb` in an IRP of its own and waits for it up to `milliseconds`. PASSIVE_LEVEL.
-// Returns STATUS_DEVICE_REMOVED when `device` is null; STATUS_TIMEOUT, a success by sign, when the
-// request took too long and was cancelled (it has completed by then); the URB's own status when the
-// request failed; else the status of the request.
-NTSTATUS UsbSubmitUrbSync(PDEVICE_OBJECT device, PURB urb, ULONG milliseconds);
+// Sends the URB that `urb` heads in an IRP of its own and waits for it up to `milliseconds`.
+// PASSIVE_LEVEL. Returns STATUS_DEVICE_REMOVED when `device` is null; STATUS_TIMEOUT, a success by
+// sign, when the request took too long and was cancelled (it has completed by then); the URB's own
+// status when the request failed; else the status of the request.
+NTSTATUS UsbSubmitUrbSync(PDEVICE_OBJECT device, _URB_HEADER* urb, ULONG milliseconds);
 
-// Any of the URB structures in place of the union.
+// The union, or any of the URB structures in it.
+inline NTSTATUS UsbSubmitUrbSync(PDEVICE_OBJECT device, PURB urb, ULONG milliseconds) {
+    return UsbSubmitUrbSync(device, reinterpret_cast<_URB_HEADER*>(urb), milliseconds);
+}
 template <class T>
 NTSTATUS UsbSubmitUrbSync(PDEVICE_OBJECT device, T* urb, ULONG milliseconds) {
-    return UsbSubmitUrbSync(device, reinterpret_cast<PURB>(urb), milliseconds);
+    return UsbSubmitUrbSync(device, &urb->Hdr, milliseconds);
 }
 
 // Fills the next stack location of an IRP that the caller owns, so that it carries `urb`.

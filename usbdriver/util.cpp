@@ -110,6 +110,14 @@ MutexHolder::~MutexHolder() {
     KeReleaseMutex(m_Mutex, FALSE);
 }
 
+FastMutexHolder::FastMutexHolder(PFAST_MUTEX mutex) : m_Mutex(mutex) {
+    ExAcquireFastMutex(m_Mutex);
+}
+
+FastMutexHolder::~FastMutexHolder() {
+    ExReleaseFastMutex(m_Mutex);
+}
+
 PendingIrps::PendingIrps(volatile LONG* busyOwners) : m_BusyOwners(busyOwners) {
     KeInitializeSpinLock(&m_Lock);
     KeInitializeEvent(&m_AllCompleted, NotificationEvent, TRUE);

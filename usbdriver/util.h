@@ -19,6 +19,12 @@ constexpr ULONG PoolTag(const char (&characters)[5]) {
 constexpr ULONG kObjectTag = PoolTag("KCNw"); // driver objects
 constexpr ULONG kBufferTag = PoolTag("vkln"); // descriptors, URBs, registry values, transfers
 
+// For identifiers wherever they stand: the published IsEqualGUIDAligned wants both on 8 bytes, and
+// a GUID promises only 4.
+inline bool IsSameGuid(const GUID& left, const GUID& right) {
+    return RtlCompareMemory(&left, &right, sizeof(GUID)) == sizeof(GUID);
+}
+
 // --- Traces -------------------------------------------------------------------------------------
 
 // "ERROR in %s() line %d - %s \n": a condition that must not hold does.
@@ -130,6 +136,19 @@ public:
 
 private:
     PKMUTEX m_Mutex;
+};
+
+// Holds a fast mutex for the length of a scope, which runs at APC_LEVEL. Its holder must not take
+// it again.
+class FastMutexHolder {
+public:
+    explicit FastMutexHolder(PFAST_MUTEX mutex);
+    ~FastMutexHolder();
+    FastMutexHolder(const FastMutexHolder&) = delete;
+    FastMutexHolder& operator=(const FastMutexHolder&) = delete;
+
+private:
+    PFAST_MUTEX m_Mutex;
 };
 
 // Counts the IRPs that an object has handed to the bus and not got back, so that its end can wait

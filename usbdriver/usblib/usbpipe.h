@@ -12,6 +12,7 @@ public:
     CUsbPipe(CUsbInterface* owner, const USBD_PIPE_INFORMATION& information)
         : m_Interface(owner), m_PipeInfo(information) {}
 
+    CUsbInterface* GetInterface() const { return m_Interface; }
     USHORT GetMaximumPacketSize() const { return m_PipeInfo.MaximumPacketSize; } // bytes
     UCHAR GetEndpointAddress() const { return m_PipeInfo.EndpointAddress; }
     bool IsInput() const { return (m_PipeInfo.EndpointAddress & 0x80) != 0; }
