@@ -77,7 +77,6 @@ NTSTATUS Pin::connect(IRP& irp) {
 
 void Pin::discard() {
     file->FsContext = nullptr;
-    processing.shutDown();
     object.leaveParent();
     object.release(file);
     queue.destroy();
@@ -85,15 +84,16 @@ void Pin::discard() {
 }
 
 void Pin::stop() {
-    MutexHolder holder(filter().controlMutex);
-    setState(KSSTATE_STOP);
-    queue.flush();
+    {
+        MutexHolder holder(filter().controlMutex);
+        setState(KSSTATE_STOP);
+        queue.flush();
+    }
+    processing.shutDown();
 }
 
 FILE_OBJECT* Pin::close(IRP& irp) {
     FILE_OBJECT* released = filterFile;
-    // Without the control mutex: a process routine that still runs may want it.
-    processing.shutDown();
     KMUTEX& control = filter().controlMutex;
     MutexHolder holder(control);
     queue.flush();

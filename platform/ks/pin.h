@@ -24,7 +24,7 @@ struct Pin {
 
     // IRP_MJ_CREATE relative to the filter's file. The caller completes the request.
     static NTSTATUS create(Filter& filter, IRP& irp);
-    // To KSSTATE_STOP, and every queued frame back to the client.
+    // To KSSTATE_STOP, every queued frame back to the client, and no process routine any more.
     void stop();
     // Frees the pin, which has been stopped. Returns the filter's file for the caller to
     // dereference.

@@ -27,11 +27,11 @@ void Processing::initialize(Pin& owner) {
 }
 
 void Processing::shutDown() {
-    m_closed = true;
-    // Synchronous runs hold no user: they end before the driver's own stop routines return.
-    if (--m_users != 0) {
-        KeWaitForSingleObject(&m_unused, Executive, KernelMode, FALSE, nullptr);
+    if (m_closed.exchange(true)) {
+        return;
     }
+    dropUser();
+    KeWaitForSingleObject(&m_unused, Executive, KernelMode, FALSE, nullptr);
 }
 
 bool Processing::ready() {
@@ -52,17 +52,24 @@ void Processing::attempt(bool asynchronous) {
                             KeGetCurrentIrql() == PASSIVE_LEVEL;
     if (asynchronous || !mayRunHere) {
         queueWorker();
-    } else {
+    } else if (addUser()) {
         run();
+        dropUser();
     }
 }
 
-// False when the last user has gone: the pin may be gone by the time that a worker runs.
+// False when the last user has gone: the pin may be gone by the time that a routine runs.
 bool Processing::addUser() {
     LONG users = m_users;
     while (users != 0 && !m_users.compare_exchange_weak(users, users + 1)) {
     }
     return users != 0;
+}
+
+void Processing::dropUser() {
+    if (--m_users == 0) {
+        KeSetEvent(&m_unused, IO_NO_INCREMENT, FALSE);
+    }
 }
 
 void Processing::queueWorker() {
@@ -75,9 +82,7 @@ VOID NTAPI Processing::work(PVOID context) {
     auto& self = *static_cast<Processing*>(context);
     self.m_queued = false;
     self.run();
-    if (--self.m_users == 0) {
-        KeSetEvent(&self.m_unused, IO_NO_INCREMENT, FALSE);
-    }
+    self.dropUser();
 }
 
 // Idle becomes running, and the caller runs; running becomes run-again, and the other one does.

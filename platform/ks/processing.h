@@ -7,6 +7,10 @@
 //
 // It is never entered twice at a time: an attempt that comes meanwhile lets the running one look
 // once more. No operation but `shutDown` blocks or allocates.
+//
+// The pin is shut down when its last handle is closed, before the reference goes that the handle
+// holds: the routine may complete the request with the last other one, and the pin must not be
+// closed inside of its own routine.
 #pragma once
 
 #include "platform/nt/kernel.h"
@@ -19,7 +23,8 @@ struct Pin;
 
 struct Processing {
     void initialize(Pin& owner);
-    // No routine runs any more, and none will. PASSIVE_LEVEL.
+    // No routine runs any more, and none will. PASSIVE_LEVEL, without the filter's control mutex,
+    // which a routine that still runs may want.
     void shutDown();
 
     // The state that the driver has agreed to, and whether the pin is being reset.
@@ -39,6 +44,7 @@ private:
     void run();
     void runRoutine();
     bool addUser();
+    void dropUser();
     void queueWorker();
     static VOID NTAPI work(PVOID context);
 
@@ -50,7 +56,7 @@ private:
     std::atomic<bool> m_closed;
     std::atomic<Busy> m_busy;
     std::atomic<bool> m_queued; // the work item is in the queue
-    std::atomic<LONG> m_users;  // 1 for the pin, 1 for the queued work item
+    std::atomic<LONG> m_users;  // 1 for the pin, 1 for whoever runs, 1 for the queued work item
     KEVENT m_unused;            // set when the last user is gone
     WORK_QUEUE_ITEM m_worker;
 };

@@ -14,6 +14,10 @@ struct Backtrace {
 
     // The callers of the function that calls this, innermost first, `skip` of them left out.
     static Backtrace here(std::size_t skip = 0);
+    // The same by frame pointers alone, which is quick: for what is kept of each
+    // allocation, request and handle in case that somebody asks. It may end early, at a caller
+    // that was compiled without frame pointers.
+    static Backtrace quick(std::size_t skip = 0);
     // One line a frame: "function+0x12 (module+0x3456)". Frames of the platform's kernel routines
     // themselves are left out at the top.
     std::vector<std::string> lines() const;

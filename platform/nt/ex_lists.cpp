@@ -3,11 +3,11 @@
 
 #include "platform/nt/fresh.h"
 #include "platform/nt/machine.h"
+#include "platform/nt/spin.h"
 
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <thread>
 
 using namespace kelvane::nt;
 
@@ -19,8 +19,8 @@ class SequencedLock {
 public:
     explicit SequencedLock(const void* list)
         : m_lock(s_locks[(reinterpret_cast<std::uintptr_t>(list) >> 4) % s_locks.size()]) {
-        while (m_lock.test_and_set(std::memory_order_acquire)) {
-            std::this_thread::yield();
+        for (int tries = 1; m_lock.test_and_set(std::memory_order_acquire); tries++) {
+            spin(tries);
         }
     }
     ~SequencedLock() { m_lock.clear(std::memory_order_release); }

@@ -10,6 +10,7 @@
 
 #include <fmt/format.h>
 
+#include <atomic>
 #include <cstring>
 
 using namespace kelvane::nt;
@@ -105,7 +106,8 @@ bool mayComplete(IRP* irp, const IrpState& state, const char* routine) {
                            static_cast<ULONG>(irp->IoStatus.Status)));
         irp->IoStatus.Status = STATUS_UNSUCCESSFUL;
     }
-    if (irp->CancelRoutine != nullptr) {
+    // Somebody who comes too late to cancel it may be exchanging the pointer for null right now.
+    if (std::atomic_ref(irp->CancelRoutine).load() != nullptr) {
         breach(Rule::IrpState, routine,
                fmt::format("IRP {} completed with its cancel routine still set", fmt::ptr(irp)));
         irp->CancelRoutine = nullptr;

@@ -34,7 +34,7 @@ IRP* makeIrp(CCHAR stackSize, IrpOwner owner) {
     reset(irp, IoSizeOfIrp(stackSize), stackSize);
     auto state = std::make_unique<IrpState>();
     state->owner = owner;
-    state->made = Backtrace::here();
+    state->made = Backtrace::quick();
     irp->Tail.Overlay.Thread = reinterpret_cast<PETHREAD>(Thread::current().object);
     machine.irps().add(irp, std::move(state));
     return irp;
@@ -86,7 +86,7 @@ void NTAPI IoInitializeIrp(PIRP Irp, USHORT PacketSize, CCHAR StackSize) {
     reset(Irp, PacketSize, StackSize);
     auto state = std::make_unique<IrpState>();
     state->owner = IrpOwner::Memory;
-    state->made = Backtrace::here();
+    state->made = Backtrace::quick();
     irps.add(Irp, std::move(state));
 }
 

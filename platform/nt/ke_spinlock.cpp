@@ -3,18 +3,16 @@
 #include "platform/nt/kernel.h"
 
 #include "platform/nt/machine.h"
+#include "platform/nt/spin.h"
 #include "platform/nt/thread.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <thread>
 
 using namespace kelvane::nt;
 
 namespace {
-
-constexpr int kSpinsBeforeYield = 64;
 
 bool tryTake(PKSPIN_LOCK lock) {
     return __atomic_exchange_n(lock, KSPIN_LOCK{1}, __ATOMIC_ACQUIRE) == 0;
@@ -38,9 +36,7 @@ void take(Thread& self, PKSPIN_LOCK lock, const char* routine) {
                                fmt::ptr(lock)));
             break;
         }
-        if (tries % kSpinsBeforeYield == 0) {
-            std::this_thread::yield();
-        }
+        spin(tries);
     }
     if (!self.locks.add(lock)) {
         breach(Rule::SpinLock, routine, "more spin locks held than the machine can count");

@@ -22,9 +22,9 @@ namespace {
 std::atomic<Machine*> s_current{nullptr};
 std::atomic<std::uint64_t> s_serial{0};
 
-std::unique_ptr<Scheduler> makeScheduler(Machine& machine, ClockKind kind) {
-    if (kind == ClockKind::Real) {
-        return std::make_unique<RealScheduler>(machine);
+std::unique_ptr<Scheduler> makeScheduler(Machine& machine, const MachineOptions& options) {
+    if (options.clock == ClockKind::Real) {
+        return std::make_unique<RealScheduler>(machine, options);
     }
     return std::make_unique<VirtualScheduler>(machine);
 }
@@ -34,7 +34,7 @@ std::unique_ptr<Scheduler> makeScheduler(Machine& machine, ClockKind kind) {
 struct Machine::Parts {
     Parts(Machine& machine, MachineOptions options)
         : rules(std::move(options.breaches)), trace(std::move(options.trace)), dispatcher(machine),
-          scheduler(makeScheduler(machine, options.clock)), workQueue(machine) {
+          scheduler(makeScheduler(machine, options)), workQueue(machine) {
         if (options.trapPagedAccess && options.clock == ClockKind::Virtual) {
             pool.trapPagedAccess();
         }

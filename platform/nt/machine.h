@@ -19,6 +19,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <typeindex>
 #include <vector>
 
@@ -37,6 +38,12 @@ struct MachineOptions {
     // On the virtual clock: catch every access to paged pool at DISPATCH_LEVEL, not only those of
     // the kernel's own routines. Costs a page fault where code below that level touches it again.
     bool trapPagedAccess = false;
+    // On the real clock: events run with real-time priority, where this user may ask for it.
+    bool realTime = false;
+    // On the real clock: when an event comes later than this, the machine's time stands still until
+    // it has run. For a machine without hardware, which need not suffer from a busy computer. None:
+    // the machine's time is the wall clock's.
+    std::optional<Time> patience = {};
 };
 
 // A part of the machine that another room adds, for example the class driver or a bus.

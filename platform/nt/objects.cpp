@@ -76,7 +76,7 @@ void* ObjectManager::create(_OBJECT_TYPE& type, std::size_t bytes) {
     auto* header = new (memory) ObjectHeader;
     header->type = &type;
     header->bytes = bytes;
-    header->made = Backtrace::here();
+    header->made = Backtrace::quick();
     const std::scoped_lock guard(m_mutex);
     header->next = m_objects;
     if (m_objects != nullptr) {
@@ -241,7 +241,7 @@ HANDLE ObjectManager::open(void* body, ACCESS_MASK access) {
     }
     const std::size_t index = m_freeHandles.back();
     m_freeHandles.pop_back();
-    m_handles[index] = {&header, access, Backtrace::here()};
+    m_handles[index] = {&header, access, Backtrace::quick()};
     return reinterpret_cast<HANDLE>((index + 1) * 4);
 }
 

@@ -95,8 +95,8 @@ void Plug::forget(DEVICE_OBJECT* pdo) {
 }
 
 void Plug::filesClosed(DEVICE_OBJECT* pdo) {
-    const DeviceNode* node = findNode(pdo);
-    if (node != nullptr && node->removePending) {
+    DeviceNode* node = findNode(pdo);
+    if (node != nullptr && node->removePending.exchange(false)) {
         finishRemoval(pdo);
     }
 }

@@ -20,7 +20,7 @@ struct DeviceNode {
     DRIVER_OBJECT* driver = nullptr;
     bool added = false; // AddDevice has been called
     bool started = false;
-    bool removePending = false; // surprise-removed, and files are still open
+    std::atomic<bool> removePending{false}; // surprise-removed, and files are still open
 };
 
 struct DeviceInterface {
@@ -50,6 +50,7 @@ public:
                                   const std::u16string& reference);
     DeviceInterface* findInterface(const std::u16string& link);
     std::vector<const DeviceInterface*> interfaces(const GUID& category, DEVICE_OBJECT* pdo);
+    const std::list<DeviceInterface>& interfaces() const { return m_interfaces; }
     void disableInterfaces(DEVICE_OBJECT* pdo);
     static std::u16string keyPath(const DeviceInterface& known);
 

@@ -70,7 +70,7 @@ void checkStack(DEVICE_OBJECT* pdo) {
 
 bool filesAreOpen(const DEVICE_OBJECT* pdo) {
     for (const DEVICE_OBJECT* device = pdo; device != nullptr; device = device->AttachedDevice) {
-        if (device->ReferenceCount != 0) {
+        if (__atomic_load_n(&device->ReferenceCount, __ATOMIC_ACQUIRE) != 0) {
             return true;
         }
     }
@@ -157,11 +157,18 @@ NTSTATUS surpriseRemove(DEVICE_OBJECT* pdo) {
         return STATUS_UNSUCCESSFUL;
     }
     const NTSTATUS status = sendMinor(pdo, IRP_MN_SURPRISE_REMOVAL);
-    if (filesAreOpen(pdo)) {
-        Machine::current().plug().node(pdo).removePending = true;
-    } else {
-        finishRemoval(pdo);
+    // Said before it is asked: the last file may be closed in another thread right now. One of the
+    // two finishes.
+    Plug& plug = Machine::current().plug();
+    ObfReferenceObject(pdo);
+    plug.node(pdo).removePending = true;
+    if (!filesAreOpen(pdo)) {
+        DeviceNode* node = plug.findNode(pdo);
+        if (node != nullptr && node->removePending.exchange(false)) {
+            finishRemoval(pdo);
+        }
     }
+    ObfDereferenceObject(pdo);
     return status;
 }
 

@@ -42,6 +42,15 @@ bool isPagedType(POOL_TYPE type) {
     return (type & 1) != 0;
 }
 
+// As the kernel does: a page or more starts on a page, a cache-aligned block on a cache line.
+std::size_t alignmentOf(POOL_TYPE type, std::size_t bytes) {
+    constexpr std::size_t kCacheLine = 64;
+    if (bytes >= PAGE_SIZE) {
+        return PAGE_SIZE;
+    }
+    return (type & NonPagedPoolCacheAligned) != 0 ? kCacheLine : 16;
+}
+
 std::optional<std::size_t> firstOther(const std::byte* bytes, std::size_t count,
                                       std::byte expected) {
     const std::byte* end = bytes + count;
@@ -72,15 +81,14 @@ Pool::~Pool() {
     drop();
 }
 
-Pool::Block Pool::makeBlock(std::size_t bytes, bool paged) {
+Pool::Block Pool::makeBlock(POOL_TYPE type, std::size_t bytes) {
     Block block;
     block.bytes = bytes;
-    block.paged = paged;
-    // As the kernel does: a page or more starts on a page.
-    const std::size_t alignment = bytes >= PAGE_SIZE ? PAGE_SIZE : 16;
+    block.paged = isPagedType(type);
+    const std::size_t alignment = alignmentOf(type, bytes);
     block.front = std::max(alignment, kGuardBytes);
     const std::size_t total = footprint(block);
-    if (paged && m_arena != nullptr) {
+    if (block.paged && m_arena != nullptr) {
         const std::scoped_lock guard(m_mutex);
         block.base = m_arena->allocate(total, alignment);
     } else {
@@ -147,11 +155,11 @@ void* Pool::allocate(POOL_TYPE type, std::size_t bytes, ULONG tag, const char* r
     {
         const std::scoped_lock guard(m_mutex);
         m_counters.allocations++;
-        if (takeFault()) {
+        if (takeFault() || m_counters.bytes > m_limit || bytes > m_limit - m_counters.bytes) {
             return nullptr;
         }
     }
-    Block block = makeBlock(bytes, paged);
+    Block block = makeBlock(type, bytes);
     if (block.base == nullptr) {
         return nullptr; // the host itself is out of memory
     }
@@ -159,12 +167,12 @@ void* Pool::allocate(POOL_TYPE type, std::size_t bytes, ULONG tag, const char* r
 }
 
 void* Pool::allocateOwn(std::size_t bytes, ULONG tag) {
-    return keep(makeBlock(bytes, false), tag);
+    return keep(makeBlock(NonPagedPool, bytes), tag);
 }
 
 void* Pool::keep(Block block, ULONG tag) {
     block.tag = tag;
-    block.allocated = Backtrace::here(1);
+    block.allocated = Backtrace::quick(1);
     std::byte* user = block.user();
     const std::scoped_lock guard(m_mutex);
     m_counters.blocks++;
@@ -251,7 +259,7 @@ void Pool::free(void* address, ULONG tag, const char* routine) {
              fmt::format("block {} of {} bytes, tag '{}', holds {}", fmt::ptr(address), block.bytes,
                          tagText(block.tag), *use)});
     }
-    block.freed = Backtrace::here();
+    block.freed = Backtrace::quick();
     {
         const std::scoped_lock guard(m_mutex);
         if (m_blocks.erase(user) != 0) {

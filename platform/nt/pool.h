@@ -62,6 +62,9 @@ public:
     // Paged pool comes from an arena that is closed at DISPATCH_LEVEL. Before the first allocation.
     void trapPagedAccess() { m_arena = std::make_unique<PagedArena>(); }
 
+    // What callers of the kernel may have in use at a time; an allocation beyond it fails.
+    void limit(std::size_t bytes) { m_limit = bytes; }
+
     // The n-th allocation from now fails; 1 is the next one, 0 takes the order back.
     void failAllocation(std::uint64_t n);
     // Counts an allocation that has memory of its own, an IRP for example; false lets it fail.
@@ -91,7 +94,7 @@ private:
     };
     struct Complaint;
 
-    Block makeBlock(std::size_t bytes, bool paged);
+    Block makeBlock(POOL_TYPE type, std::size_t bytes);
     void* keep(Block block, ULONG tag);
     void giveBack(const Block& block);
     static std::size_t footprint(const Block& block);
@@ -113,7 +116,8 @@ private:
     std::vector<Block> m_kept; // freed while the kernel still used what they hold: they stay
     std::size_t m_freedBytes = 0;
     PoolCounters m_counters;
-    std::uint64_t m_failAt = 0; // allocations to go until the one that fails
+    std::size_t m_limit = SIZE_MAX; // bytes, set before the first allocation
+    std::uint64_t m_failAt = 0;     // allocations to go until the one that fails
 };
 
 // Reports a breach when the memory is paged and the IRQL is above APC_LEVEL. `what` names it.

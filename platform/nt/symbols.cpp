@@ -21,6 +21,14 @@ namespace kelvane::nt {
 
 namespace {
 
+std::mutex s_mutex; // of all here
+
+struct NamedCode {
+    std::size_t bytes;
+    std::string module;
+};
+std::map<const std::byte*, NamedCode> s_named; // by where it begins
+
 struct Function {
     std::uintptr_t begin;
     std::uintptr_t size;
@@ -83,10 +91,29 @@ std::string demangle(const std::string& name) {
 
 } // namespace
 
+void nameCode(const void* begin, std::size_t bytes, const std::string& module) {
+    const std::scoped_lock guard(s_mutex);
+    s_named[static_cast<const std::byte*>(begin)] = {bytes, module};
+}
+
+void forgetCodeName(const void* begin) {
+    const std::scoped_lock guard(s_mutex);
+    s_named.erase(static_cast<const std::byte*>(begin));
+}
+
 Symbol symbolOf(const void* address) {
-    static std::mutex mutex;
-    const std::scoped_lock guard(mutex);
+    const std::scoped_lock guard(s_mutex);
     Symbol symbol;
+    const auto named = s_named.upper_bound(static_cast<const std::byte*>(address));
+    if (named != s_named.begin()) {
+        const auto& [begin, code] = *std::prev(named);
+        const auto place = static_cast<std::size_t>(static_cast<const std::byte*>(address) - begin);
+        if (place < code.bytes) {
+            symbol.module = code.module;
+            symbol.place = place;
+            return symbol;
+        }
+    }
     Dl_info info{};
     link_map* module = nullptr;
     if (dladdr1(address, &info, reinterpret_cast<void**>(&module), RTLD_DL_LINKMAP) == 0) {

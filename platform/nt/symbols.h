@@ -1,6 +1,7 @@
 // Names for code addresses, from the symbol tables of the running program's own files.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -14,5 +15,9 @@ struct Symbol {
 };
 
 Symbol symbolOf(const void* address);
+
+// Code that no file of the program holds, such as a driver image, goes by a name of its own.
+void nameCode(const void* begin, std::size_t bytes, const std::string& module);
+void forgetCodeName(const void* begin);
 
 } // namespace kelvane::nt

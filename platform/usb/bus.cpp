@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace kelvane::usb {
 
@@ -37,6 +38,16 @@ UsbBus::~UsbBus() {
 
 DEVICE_OBJECT* UsbBus::attach(std::shared_ptr<devices::UsbDevice> device, AttachOptions options) {
     const Lock lock(*this);
+    return addPort(std::move(device), options);
+}
+
+DEVICE_OBJECT* UsbBus::attach(std::unique_ptr<HostController> controller) {
+    const Lock lock(*this);
+    m_controller = std::move(controller);
+    return addPort(nullptr, {});
+}
+
+DEVICE_OBJECT* UsbBus::addPort(std::shared_ptr<devices::UsbDevice> device, AttachOptions options) {
     auto port =
         std::make_unique<Port>(*this, *m_controller, std::move(device), options, freePortNumber());
     port->setPdo(createPdo(m_driver, *port));
@@ -192,6 +203,24 @@ void UsbBus::removeObserver(UrbObserver& observer) {
 void UsbBus::setTrace(UrbTrace trace) {
     const Lock lock(*this);
     m_trace = std::move(trace);
+}
+
+void UsbBus::setTransferObserver(TransferObserver* observer) {
+    const Lock lock(*this);
+    m_transferObserver = observer;
+}
+
+void UsbBus::observeStart(Transfer& transfer) {
+    if (m_transferObserver != nullptr) {
+        transfer.onBus = true;
+        m_transferObserver->started(transfer);
+    }
+}
+
+void UsbBus::observeEnd(Transfer& transfer, USBD_STATUS status) {
+    if (std::exchange(transfer.onBus, false) && m_transferObserver != nullptr) {
+        m_transferObserver->ended(transfer, status);
+    }
 }
 
 UrbVerdict UsbBus::observeSubmission(const Transfer& transfer) {

@@ -65,4 +65,17 @@ public:
     virtual void completed(const UrbEvent&, NTSTATUS) {}
 };
 
+struct Transfer;
+
+// Who records the bus: each transfer as it is given to the host controller, and as it comes back. A
+// URB that selects a configuration is several; one that is refused, or that moves nothing over the
+// bus, is none. Called as UrbObserver is.
+class TransferObserver {
+public:
+    virtual ~TransferObserver() = default;
+    virtual void started(const Transfer& transfer) = 0;
+    // With its results, and with its place in the bus's and the pipe's books.
+    virtual void ended(const Transfer& transfer, USBD_STATUS status) = 0;
+};
+
 } // namespace kelvane::usb

@@ -1,6 +1,5 @@
 #include "platform/usb/pdo.h"
 
-#include "devices/usb_spec.h"
 #include "platform/usb/bus.h"
 #include "platform/usb/urb.h"
 #include "platform/usb/usbdi.h"
@@ -8,7 +7,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <string>
 #include <string_view>
 
@@ -43,35 +41,12 @@ std::u16string wide(const std::string& ascii) {
     return {ascii.begin(), ascii.end()};
 }
 
-// What the bus learnt of the device when it was plugged in.
-struct Identity {
-    std::uint16_t vendor = 0;
-    std::uint16_t product = 0;
-    std::uint16_t revision = 0;
-};
-
-Identity identify(Port& port) {
-    std::array<std::byte, devices::usb::kDeviceLength> bytes{};
-    const devices::SetupPacket setup{.bmRequestType = 0x80,
-                                     .bRequest = devices::usb::kGetDescriptor,
-                                     .wValue = devices::usb::kDevice << 8,
-                                     .wIndex = 0,
-                                     .wLength = devices::usb::kDeviceLength};
-    const UsbBus::Lock lock(port.bus());
-    port.device().control(setup, port.deviceTime(0), bytes);
-    const auto word = [&bytes](std::size_t at) {
-        return static_cast<std::uint16_t>(std::to_integer<unsigned>(bytes[at]) |
-                                          std::to_integer<unsigned>(bytes[at + 1]) << 8);
-    };
-    return {.vendor = word(8), .product = word(10), .revision = word(12)};
-}
-
 // The identifiers that the plug-and-play manager asks for; lists end with an empty text.
 std::u16string identifier(Port& port, BUS_QUERY_ID_TYPE type) {
     if (type == BusQueryInstanceID) {
         return wide(fmt::format("{}", port.number()));
     }
-    const Identity id = identify(port);
+    const Identity id = port.identify();
     const std::string device = fmt::format("USB\\VID_{:04X}&PID_{:04X}", id.vendor, id.product);
     switch (type) {
     case BusQueryDeviceID:

@@ -27,13 +27,18 @@ Port::Port(UsbBus& bus, HostController& controller, std::shared_ptr<devices::Usb
     : m_bus(bus), m_controller(controller), m_device(std::move(device)), m_options(options),
       m_number(number), m_nextHandle(kFirstHandle + (std::uintptr_t{bus.portsUsed()} << 32)),
       m_attached(controller.microframe()), m_random(options.seed * 2 + 1) {
-    m_device->attach(this);
+    m_controller.plug(*this);
 }
 
 Port::~Port() {
     if (!m_gone) {
-        m_device->attach(nullptr);
+        m_controller.unplug(*this);
     }
+}
+
+Identity Port::identify() {
+    const UsbBus::Lock lock(m_bus);
+    return m_controller.identify(*this);
 }
 
 NTSTATUS Port::submit(IRP* irp, URB* urb) {
@@ -187,6 +192,7 @@ void Port::finish(Transfer& transfer, USBD_STATUS status) {
         }
     }
     m_counters.failedUrbs += USBD_ERROR(status) ? 1 : 0;
+    m_bus.observeEnd(transfer, status);
     transfer.status = status;
     transfer.urb->UrbHeader.Status = status;
     transfer.finished = true;
@@ -199,6 +205,7 @@ void Port::ended(Transfer& transfer) {
     }
     transfer.moved = std::min(transfer.moved, transfer.verdict.mostBytes);
     if (transfer.kind == TransferKind::Control) {
+        m_bus.observeEnd(transfer, transfer.status);
         controlEnded(transfer);
     } else {
         finish(transfer, transfer.status);
@@ -218,7 +225,7 @@ void Port::unplug() {
         return;
     }
     m_gone = true;
-    m_device->attach(nullptr);
+    m_controller.unplug(*this);
     unconfigure(USBD_STATUS_DEVICE_GONE);
 }
 

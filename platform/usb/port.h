@@ -52,7 +52,10 @@ public:
     ~Port() override;
 
     UsbBus& bus() { return m_bus; }
-    devices::UsbDevice& device() { return *m_device; }
+    // The simulated device, for the simulated controller, which is the only one to have such.
+    devices::UsbDevice& device() const { return *m_device; }
+    devices::Speed speed() const { return m_controller.speed(*this); }
+    Identity identify();
     const AttachOptions& options() const { return m_options; }
     std::uint32_t number() const { return m_number; } // of the port, from 1
     DEVICE_OBJECT* pdo() const { return m_pdo; }
@@ -85,6 +88,15 @@ public:
     void ended(Transfer& transfer);
     // For the controller: a draw of the jitter.
     std::uint32_t drawJitter();
+
+    // For the controller: a control transfer has to wait, behind those that do, or ahead of them.
+    void queueControl(Transfer& transfer, bool first) {
+        if (first) {
+            controlQueue.pushFront(transfer);
+        } else {
+            controlQueue.pushBack(transfer);
+        }
+    }
 
     void endpointReady(std::uint8_t endpoint) override;
 
@@ -138,7 +150,7 @@ private:
 
     UsbBus& m_bus;
     HostController& m_controller;
-    std::shared_ptr<devices::UsbDevice> m_device;
+    std::shared_ptr<devices::UsbDevice> m_device; // null: the controller has a real one
     AttachOptions m_options;
     std::uint32_t m_number;
     DEVICE_OBJECT* m_pdo = nullptr;

@@ -86,7 +86,7 @@ Port::Result Port::makeInterface(std::span<const std::byte> configuration,
         auto pipe = std::make_unique<Pipe>();
         pipe->port = this;
         pipe->endpoint = endpoints[i];
-        pipe->interval = endpoints[i].intervalMicroframes(m_device->speed());
+        pipe->interval = endpoints[i].intervalMicroframes(speed());
         pipe->packetSize = endpoints[i].bytesPerService();
         if ((wanted.Pipes[i].PipeFlags & USBD_PF_CHANGE_MAX_PACKET) != 0) {
             pipe->packetSize =

@@ -61,6 +61,7 @@ Port::Result Port::startRequest(Transfer& transfer, const ControlRequest& reques
 void Port::sendSetup(Transfer& transfer, const devices::SetupPacket& setup, bool first) {
     transfer.setup = setup;
     transfer.status = USBD_STATUS_SUCCESS;
+    m_bus.observeStart(transfer);
     m_controller.startControl(transfer, first);
 }
 
@@ -137,6 +138,7 @@ Port::Result Port::startAsynchronous(Transfer& transfer) {
     transfer.kind = TransferKind::Asynchronous;
     transfer.transferred = &urb.TransferBufferLength;
     if (handOver(transfer)) {
+        m_bus.observeStart(transfer);
         m_controller.startAsynchronous(transfer);
     }
     return std::nullopt;
@@ -148,7 +150,7 @@ Port::Result Port::startIsochronous(Transfer& transfer) {
     if (pipe == nullptr) {
         return USBD_STATUS_INVALID_PIPE_HANDLE;
     }
-    const bool high = m_device->speed() == Speed::High;
+    const bool high = speed() == Speed::High;
     const ULONG packets = urb.NumberOfPackets;
     const std::size_t bytes =
         offsetof(_URB_ISOCH_TRANSFER, IsoPacket) + packets * sizeof(USBD_ISO_PACKET_DESCRIPTOR);
@@ -178,6 +180,7 @@ Port::Result Port::startIsochronous(Transfer& transfer) {
     transfer.kind = TransferKind::Isochronous;
     transfer.transferred = &urb.TransferBufferLength;
     if (handOver(transfer)) {
+        m_bus.observeStart(transfer);
         m_controller.startIsochronous(transfer);
     } else {
         pipe->scheduledUntil = scheduledBefore; // its frames are free for the next
@@ -197,9 +200,12 @@ Port::Result Port::scheduleFrames(Transfer& transfer, Pipe& pipe) {
             return USBD_STATUS_BAD_START_FRAME;
         }
     } else {
-        const ULONG ahead = urb.StartFrame - m_bus.numberOfFrame(now); // frame numbers wrap
-        start = now + ahead;
-        if (ahead == 0 || ahead > USBD_ISO_START_FRAME_RANGE || start < pipe.scheduledUntil) {
+        // Frame numbers wrap.
+        const auto ahead = static_cast<LONG>(urb.StartFrame - m_bus.numberOfFrame(now));
+        start = now + static_cast<std::uint64_t>(std::int64_t{ahead});
+        const auto tolerated = std::min<std::uint64_t>(m_controller.toleratedFrames(), now);
+        if (ahead <= -static_cast<LONG>(tolerated) || ahead > USBD_ISO_START_FRAME_RANGE ||
+            start < pipe.scheduledUntil) {
             return USBD_STATUS_BAD_START_FRAME;
         }
     }

@@ -1,8 +1,10 @@
 #include "platform/usb/simulated_controller.h"
 
+#include "devices/usb_spec.h"
 #include "platform/usb/bus.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <thread>
 #include <tuple>
@@ -61,6 +63,33 @@ SimulatedController::~SimulatedController() {
     while (m_posted != 0) { // on the wall clock an event may be running right now
         std::this_thread::yield();
     }
+}
+
+void SimulatedController::plug(Port& port) {
+    port.device().attach(&port);
+}
+
+void SimulatedController::unplug(Port& port) {
+    port.device().attach(nullptr);
+}
+
+devices::Speed SimulatedController::speed(const Port& port) const {
+    return port.device().speed();
+}
+
+Identity SimulatedController::identify(Port& port) {
+    std::array<std::byte, devices::usb::kDeviceLength> bytes{};
+    const devices::SetupPacket setup{.bmRequestType = 0x80,
+                                     .bRequest = devices::usb::kGetDescriptor,
+                                     .wValue = devices::usb::kDevice << 8,
+                                     .wIndex = 0,
+                                     .wLength = devices::usb::kDeviceLength};
+    port.device().control(setup, port.deviceTime(0), bytes);
+    const auto word = [&bytes](std::size_t at) {
+        return static_cast<std::uint16_t>(std::to_integer<unsigned>(bytes[at]) |
+                                          std::to_integer<unsigned>(bytes[at + 1]) << 8);
+    };
+    return {.vendor = word(8), .product = word(10), .revision = word(12)};
 }
 
 std::uint64_t SimulatedController::microframe() const {
@@ -200,13 +229,8 @@ void SimulatedController::forEach(Port& port, const Pipe* pipe,
 // --- Control
 
 void SimulatedController::startControl(Transfer& transfer, bool first) {
-    Port& port = *transfer.port;
-    if (first) {
-        port.controlQueue.pushFront(transfer);
-    } else {
-        port.controlQueue.pushBack(transfer);
-    }
-    runControl(port);
+    transfer.port->queueControl(transfer, first);
+    runControl(*transfer.port);
 }
 
 void SimulatedController::runControl(Port& port) {

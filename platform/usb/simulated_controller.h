@@ -27,10 +27,15 @@ public:
     SimulatedController(UsbBus& bus, nt::Scheduler& scheduler);
     ~SimulatedController() override;
 
+    void plug(Port& port) override;
+    void unplug(Port& port) override;
+    devices::Speed speed(const Port& port) const override;
+    Identity identify(Port& port) override;
     std::uint64_t microframe() const override;
     std::optional<Reservation> reserve(Port& port, const devices::Endpoint& endpoint) override;
     void release(Port& port, const Reservation& reservation) override;
     void restore(Port& port, const Reservation& reservation) override;
+    const Bandwidth& highSpeedShare() const override { return m_highSpeedShare; }
     void startControl(Transfer& transfer, bool first) override;
     void startIsochronous(Transfer& transfer) override;
     void startAsynchronous(Transfer& transfer) override;
@@ -39,8 +44,6 @@ public:
                  const std::function<void(Transfer&)>& routine) override;
     void wake(Pipe& pipe) override;
     void resume(Port& port) override;
-
-    const Bandwidth& highSpeedShare() const { return m_highSpeedShare; }
 
 private:
     Bandwidth& shareOf(Port& port);

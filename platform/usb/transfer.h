@@ -12,6 +12,7 @@
 namespace kelvane::usb {
 
 class Port;
+class Carrier;
 class TransferQueue;
 struct Pipe;
 
@@ -45,6 +46,8 @@ struct Transfer {
 
     std::uint64_t due = 0; // microframe in which it ends, once its data has moved
 
+    Carrier* carrier = nullptr;     // that has it on a real bus; null: none has
+    bool onBus = false;             // given to the host controller
     bool cancelling = false;        // its cancel routine runs, or will
     bool finished = false;          // its results stand
     TransferQueue* queue = nullptr; // that holds it now, or null

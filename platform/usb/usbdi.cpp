@@ -1,7 +1,6 @@
 #include "platform/usb/usbdi.h"
 
 #include "platform/usb/bus.h"
-#include "platform/usb/simulated_controller.h"
 #include "platform/usb/usbd.h"
 
 #include <array>
@@ -82,7 +81,7 @@ NTSTATUS NTAPI queryBusInformation(PVOID context, ULONG level, PVOID buffer, PUL
 }
 
 BOOLEAN NTAPI isDeviceHighSpeed(PVOID context) {
-    return portOfContext(context).device().speed() == devices::Speed::High ? TRUE : FALSE;
+    return portOfContext(context).speed() == devices::Speed::High ? TRUE : FALSE;
 }
 
 NTSTATUS NTAPI enumLogEntry(PVOID, ULONG, ULONG, ULONG, ULONG) {
