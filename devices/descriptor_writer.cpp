@@ -4,6 +4,8 @@ namespace kelvane::devices {
 
 namespace {
 
+constexpr std::uint8_t kBulk = 0x02; // bmAttributes
+
 unsigned low(std::uint32_t value) {
     return value & 0xFF;
 }
@@ -57,7 +59,7 @@ void DescriptorWriter::audioFunction(std::uint8_t firstInterface, std::uint8_t i
 void DescriptorWriter::interface(std::uint8_t number, std::uint8_t setting,
                                  std::uint8_t interfaceClass, std::uint8_t subClass,
                                  std::uint8_t protocol, std::uint8_t iInterface) {
-    endControl();
+    endTotal();
     m_interface = m_bytes.size();
     m_endpoints = 0;
     if (setting == 0) {
@@ -68,7 +70,7 @@ void DescriptorWriter::interface(std::uint8_t number, std::uint8_t setting,
 
 void DescriptorWriter::endpoint(std::uint8_t address, std::uint8_t attributes,
                                 std::uint16_t packetSize, std::uint8_t bInterval) {
-    endControl();
+    endTotal();
     patch(m_interface + 4, ++m_endpoints, 1);
     add({usb::kEndpoint, address, attributes, low(packetSize), high(packetSize), bInterval});
 }
@@ -88,14 +90,20 @@ void DescriptorWriter::dfuFunctional(std::uint8_t attributes, std::uint16_t deta
 }
 
 void DescriptorWriter::controlHeader(std::uint8_t bCategory) {
-    m_control = m_bytes.size();
+    beginTotal(6);
     add({usb::kCsInterface, usb::kHeader, 0x00, 0x02, bCategory, 0, 0, 0});
 }
 
-void DescriptorWriter::endControl() {
-    if (m_control != 0) {
-        patch(m_control + 6, m_bytes.size() - m_control, 2);
-        m_control = 0;
+void DescriptorWriter::beginTotal(std::size_t field) {
+    m_header = m_bytes.size();
+    m_total = m_header + field;
+}
+
+// A header's total ends with the interface's own class-specific descriptors.
+void DescriptorWriter::endTotal() {
+    if (m_total != 0) {
+        patch(m_total, m_bytes.size() - m_header, 2);
+        m_total = 0;
     }
 }
 
@@ -147,8 +155,36 @@ void DescriptorWriter::streamEndpoint() {
     add({usb::kCsEndpoint, usb::kEpGeneral, 0, 0, 0, 0, 0});
 }
 
+void DescriptorWriter::midiHeader() {
+    beginTotal(5);
+    add({usb::kCsInterface, usb::kMsHeader, 0x00, 0x01, 0, 0}); // bcdMSC 1.00
+}
+
+void DescriptorWriter::midiInJack(std::uint8_t jackType, std::uint8_t id, std::uint8_t iJack) {
+    add({usb::kCsInterface, usb::kMidiInJack, jackType, id, iJack});
+}
+
+void DescriptorWriter::midiOutJack(std::uint8_t jackType, std::uint8_t id, std::uint8_t source,
+                                   std::uint8_t iJack) {
+    add({usb::kCsInterface, usb::kMidiOutJack, jackType, id, 1, source, 1, iJack});
+}
+
+void DescriptorWriter::midiEndpoint(std::uint8_t address, std::uint16_t packetSize,
+                                    std::uint8_t firstJack, std::uint8_t jacks) {
+    endTotal();
+    patch(m_interface + 4, ++m_endpoints, 1);
+    // Two bytes longer than others: bRefresh and bSynchAddress (USB-MIDI, 6.2.1).
+    add({usb::kEndpoint, address, kBulk, low(packetSize), high(packetSize), 0, 0, 0});
+    const std::size_t at = m_bytes.size();
+    add({usb::kCsEndpoint, usb::kMsGeneral, jacks});
+    for (unsigned jack = 0; jack < jacks; ++jack) {
+        m_bytes.push_back(static_cast<std::byte>(firstJack + jack));
+    }
+    patch(at, m_bytes.size() - at, 1);
+}
+
 std::vector<std::byte> DescriptorWriter::finish() {
-    endControl();
+    endTotal();
     patch(m_configuration + 2, m_bytes.size() - m_configuration, 2);
     patch(m_configuration + 4, m_interfaces, 1);
     return std::move(m_bytes);

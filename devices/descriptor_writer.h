@@ -1,5 +1,6 @@
 // Writes the descriptors of a built-in model, one call per descriptor, fields in the order of the
-// standards (USB 2.0, 9.6; UAC2, 4.7 to 4.10). Totals and counts are filled in by `finish`.
+// standards (USB 2.0, 9.6; UAC2, 4.7 to 4.10; USB-MIDI, 6). Totals and counts are filled in by
+// `finish`.
 #pragma once
 
 #include "devices/usb_spec.h"
@@ -53,6 +54,15 @@ public:
     void formatTypeI(std::uint8_t subslotBytes, std::uint8_t bits);
     void streamEndpoint();
 
+    void midiHeader();
+    void midiInJack(std::uint8_t jackType, std::uint8_t id, std::uint8_t iJack);
+    // Its one input pin is fed by the first output pin of `source`.
+    void midiOutJack(std::uint8_t jackType, std::uint8_t id, std::uint8_t source,
+                     std::uint8_t iJack);
+    // A bulk endpoint with its embedded jacks, `firstJack` and those behind it: cables 0, 1, ...
+    void midiEndpoint(std::uint8_t address, std::uint16_t packetSize, std::uint8_t firstJack,
+                      std::uint8_t jacks);
+
     std::vector<std::byte> finish();
 
 private:
@@ -60,12 +70,14 @@ private:
     void addDevice(const Device& fields, std::uint8_t deviceClass, std::uint8_t subClass,
                    std::uint8_t protocol);
     void patch(std::size_t at, std::size_t value, std::size_t size);
-    void endControl();
+    void beginTotal(std::size_t field); // wTotalLength of a class-specific header written last
+    void endTotal();
 
     std::vector<std::byte> m_bytes;
     std::size_t m_configuration = 0; // offsets of what is patched later; 0: none yet
     std::size_t m_interface = 0;
-    std::size_t m_control = 0;
+    std::size_t m_header = 0;
+    std::size_t m_total = 0; // of m_header
     std::uint8_t m_interfaces = 0;
     std::uint8_t m_endpoints = 0; // of the interface descriptor being written
 };

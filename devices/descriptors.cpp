@@ -46,18 +46,6 @@ AlternateSetting parseInterface(const DescriptorView& view) {
     return setting;
 }
 
-Endpoint parseEndpoint(const DescriptorView& view) {
-    view.require(usb::kEndpointLength, "endpoint descriptor");
-    Endpoint endpoint;
-    endpoint.address = view.u8(2);
-    endpoint.attributes = view.u8(3);
-    const std::uint16_t size = view.u16(4);
-    endpoint.packetSize = size & 0x7FF;
-    endpoint.transactions = static_cast<std::uint8_t>(1 + ((size >> 11) & 3));
-    endpoint.bInterval = view.u8(6);
-    return endpoint;
-}
-
 // UAC2 4.9.2 and 4.9.3.
 void parseStreaming(const DescriptorView& view, AlternateSetting& setting) {
     if (!setting.stream) {
@@ -162,6 +150,9 @@ public:
         case usb::kCsInterface:
             addClassSpecific(view, current(view));
             break;
+        case usb::kCsEndpoint:
+            addToEndpoint(view, current(view));
+            break;
         case usb::kDevice:
         case usb::kConfiguration:
             throw DescriptorError(view.offset(),
@@ -198,6 +189,14 @@ private:
             if (m_audio != nullptr) {
                 parseControl(view, *m_audio);
             }
+        }
+    }
+
+    // USB-MIDI, 6.2.2. Cut ones have no jacks.
+    static void addToEndpoint(const DescriptorView& view, AlternateSetting& setting) {
+        if (setting.interfaceClass == usb::kAudio && setting.subClass == usb::kMidiStreaming &&
+            !setting.endpoints.empty() && view.length() >= 4 && view.subtype() == usb::kMsGeneral) {
+            setting.endpoints.back().midiJacks = view.u8(3);
         }
     }
 
@@ -296,6 +295,18 @@ void DeviceDescriptors::setProduct(std::uint16_t productId) {
     product = productId;
     device[10] = static_cast<std::byte>(productId & 0xFF);
     device[11] = static_cast<std::byte>(productId >> 8);
+}
+
+Endpoint parseEndpoint(const DescriptorView& view) {
+    view.require(usb::kEndpointLength, "endpoint descriptor");
+    Endpoint endpoint;
+    endpoint.address = view.u8(2);
+    endpoint.attributes = view.u8(3);
+    const std::uint16_t size = view.u16(4);
+    endpoint.packetSize = size & 0x7FF;
+    endpoint.transactions = static_cast<std::uint8_t>(1 + ((size >> 11) & 3));
+    endpoint.bInterval = view.u8(6);
+    return endpoint;
 }
 
 Configuration parseConfiguration(std::span<const std::byte> bytes, std::size_t base) {

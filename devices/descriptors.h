@@ -1,4 +1,5 @@
-// A device's descriptors, read with every length checked (USB 2.0, 9.5 and 9.6; UAC2, chapter 4).
+// A device's descriptors, read with every length checked (USB 2.0, 9.5 and 9.6; UAC2, chapter 4;
+// USB-MIDI, chapter 6).
 //
 // What can't be walked or would be read past its end is refused with its offset; what is merely
 // odd (totals of class headers, counts that disagree, duplicate IDs, dangling references) is kept
@@ -76,6 +77,7 @@ struct Endpoint {
     std::uint16_t packetSize = 0;  // bytes of one transaction, wMaxPacketSize bits 10..0
     std::uint8_t transactions = 1; // per microframe, 1 to 3 (4 as the reserved coding)
     std::uint8_t bInterval = 0;
+    std::uint8_t midiJacks = 0; // bNumEmbMIDIJack of the MS_GENERAL descriptor behind it; 0: none
 
     bool isIn() const { return (address & 0x80) != 0; }
     TransferType type() const { return static_cast<TransferType>(attributes & 3); }
@@ -194,6 +196,9 @@ struct DeviceDescriptors {
     void setProduct(std::uint16_t productId);
 };
 
+// A standard endpoint descriptor. Throws DescriptorError when it is cut.
+Endpoint parseEndpoint(const DescriptorView& view);
+
 // One configuration descriptor with all that belongs to it: `bytes` may be longer than its
 // wTotalLength, and `base` is the offset of its first byte for error reports.
 // Throws DescriptorError.
@@ -207,7 +212,5 @@ struct Finding {
     std::size_t offset = 0; // in the input of parseDevice
     std::string text;
 };
-// What the standards ask of a device and these descriptors lack; empty for a faultless device.
-std::vector<Finding> examine(const DeviceDescriptors& device, Speed speed);
 
 } // namespace kelvane::devices

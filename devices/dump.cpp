@@ -22,30 +22,6 @@ namespace {
 // A device descriptor and 255 configurations of the largest wTotalLength.
 constexpr std::size_t kMostBytes = usb::kDeviceLength + std::size_t{255} * 65535;
 
-std::vector<std::byte> readFile(const std::string& path) {
-    if (std::filesystem::is_directory(path)) {
-        throw DeviceError(fmt::format("{}: is a directory, expected a descriptor dump", path));
-    }
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"),
-                                                               std::fclose);
-    if (!file) {
-        throw DeviceError(fmt::format("{}: {}", path, std::strerror(errno)));
-    }
-    std::vector<std::byte> bytes;
-    std::array<std::byte, 4096> part{};
-    while (const std::size_t read = std::fread(part.data(), 1, part.size(), file.get())) {
-        bytes.insert(bytes.end(), part.begin(), part.begin() + static_cast<std::ptrdiff_t>(read));
-        if (bytes.size() > kMostBytes) {
-            throw DeviceError(fmt::format("{}: offset {}: more bytes than any device's descriptors",
-                                          path, kMostBytes));
-        }
-    }
-    if (std::ferror(file.get()) != 0) {
-        throw DeviceError(fmt::format("{}: can't be read: {}", path, std::strerror(errno)));
-    }
-    return bytes;
-}
-
 template <class Predicate>
 bool anyEndpoint(const DeviceDescriptors& device, Predicate predicate) {
     for (const AlternateSetting& setting : device.configurations.front().settings) {
@@ -77,8 +53,32 @@ bool carries(const AlternateSetting& setting, std::uint32_t rate, Speed speed) {
 
 } // namespace
 
+std::vector<std::byte> readDumpBytes(const std::string& path) {
+    if (std::filesystem::is_directory(path)) {
+        throw DeviceError(fmt::format("{}: is a directory, expected a descriptor dump", path));
+    }
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"),
+                                                               std::fclose);
+    if (!file) {
+        throw DeviceError(fmt::format("{}: {}", path, std::strerror(errno)));
+    }
+    std::vector<std::byte> bytes;
+    std::array<std::byte, 4096> part{};
+    while (const std::size_t read = std::fread(part.data(), 1, part.size(), file.get())) {
+        bytes.insert(bytes.end(), part.begin(), part.begin() + static_cast<std::ptrdiff_t>(read));
+        if (bytes.size() > kMostBytes) {
+            throw DeviceError(fmt::format("{}: offset {}: more bytes than any device's descriptors",
+                                          path, kMostBytes));
+        }
+    }
+    if (std::ferror(file.get()) != 0) {
+        throw DeviceError(fmt::format("{}: can't be read: {}", path, std::strerror(errno)));
+    }
+    return bytes;
+}
+
 DeviceDescriptors readDump(const std::string& path) {
-    const std::vector<std::byte> bytes = readFile(path);
+    const std::vector<std::byte> bytes = readDumpBytes(path);
     try {
         return parseDevice(bytes);
     } catch (const DescriptorError& error) {

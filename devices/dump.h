@@ -11,6 +11,9 @@
 
 namespace kelvane::devices {
 
+// The whole file. Throws DeviceError when it can't be read or is larger than any dump.
+std::vector<std::byte> readDumpBytes(const std::string& path);
+
 // Throws DeviceError "FILE: offset N: what is wrong, what was expected".
 DeviceDescriptors readDump(const std::string& path);
 

@@ -115,7 +115,7 @@ void FaultyDevice::attach(DeviceHost* host) {
             counted.seen = 0;
         }
     }
-    m_device->attach(host);
+    WrappedDevice::attach(host);
 }
 
 ControlReply FaultyDevice::control(const SetupPacket& setup, std::uint64_t microframe,
@@ -141,13 +141,14 @@ ControlReply FaultyDevice::control(const SetupPacket& setup, std::uint64_t micro
         answer = {.stalled = false, .length = data.size(), .microframes = kQuick};
         break;
     case RequestRule::Effect::Answer: {
-        const std::uint32_t microframes = m_device->control(setup, microframe, data).microframes;
+        const std::uint32_t microframes =
+            WrappedDevice::control(setup, microframe, data).microframes;
         answer = reply(rule.answer, data);
         answer.microframes = microframes;
         break;
     }
     case RequestRule::Effect::None:
-        answer = m_device->control(setup, microframe, data);
+        answer = WrappedDevice::control(setup, microframe, data);
         break;
     }
     answer.microframes += rule.lateMicroframes;
@@ -165,7 +166,7 @@ std::size_t FaultyDevice::isochronousIn(std::uint8_t endpoint, std::uint64_t mic
             effect = found->effect;
         }
     }
-    const std::size_t length = m_device->isochronousIn(endpoint, microframe, packet);
+    const std::size_t length = WrappedDevice::isochronousIn(endpoint, microframe, packet);
     if (!effect || packet.empty()) {
         return length;
     }
@@ -180,21 +181,6 @@ std::size_t FaultyDevice::isochronousIn(std::uint8_t endpoint, std::uint64_t mic
         return length == 0 ? 1 : length - 1;
     }
     return length;
-}
-
-void FaultyDevice::isochronousOut(std::uint8_t endpoint, std::uint64_t microframe,
-                                  std::span<const std::byte> packet) {
-    m_device->isochronousOut(endpoint, microframe, packet);
-}
-
-Handshake FaultyDevice::in(std::uint8_t endpoint, std::uint64_t microframe,
-                           std::span<std::byte> packet) {
-    return m_device->in(endpoint, microframe, packet);
-}
-
-Handshake FaultyDevice::out(std::uint8_t endpoint, std::uint64_t microframe,
-                            std::span<const std::byte> packet) {
-    return m_device->out(endpoint, microframe, packet);
 }
 
 } // namespace kelvane::devices

@@ -9,7 +9,7 @@
 // healthy device (URB and packet errors, transfers that never end) is the host controller's matter.
 #pragma once
 
-#include "devices/usb_device.h"
+#include "devices/wrapped_device.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -79,9 +79,9 @@ struct PacketRule {
     Effect effect = Effect::Empty;
 };
 
-class FaultyDevice : public UsbDevice {
+class FaultyDevice : public WrappedDevice {
 public:
-    explicit FaultyDevice(std::shared_ptr<UsbDevice> device) : m_device(std::move(device)) {}
+    using WrappedDevice::WrappedDevice;
 
     // Rules are looked at in the order of adding; the first that takes a request or packet decides,
     // and the others count it all the same. Safe beside the bus's own calls.
@@ -93,18 +93,11 @@ public:
     // Requests or packets that a rule has taken so far.
     std::uint64_t hits(std::size_t rule) const;
 
-    Speed speed() const override { return m_device->speed(); }
     void attach(DeviceHost* host) override; // the rules' counts begin anew
     ControlReply control(const SetupPacket& setup, std::uint64_t microframe,
                          std::span<std::byte> data) override;
-    void isochronousOut(std::uint8_t endpoint, std::uint64_t microframe,
-                        std::span<const std::byte> packet) override;
     std::size_t isochronousIn(std::uint8_t endpoint, std::uint64_t microframe,
                               std::span<std::byte> packet) override;
-    Handshake in(std::uint8_t endpoint, std::uint64_t microframe,
-                 std::span<std::byte> packet) override;
-    Handshake out(std::uint8_t endpoint, std::uint64_t microframe,
-                  std::span<const std::byte> packet) override;
 
 private:
     template <class Rule>
@@ -116,7 +109,6 @@ private:
     template <class Rule>
     const Rule* decide(std::vector<Counted<Rule>>& rules, const auto& fits);
 
-    std::shared_ptr<UsbDevice> m_device;
     mutable std::mutex m_mutex; // guards everything below
     std::vector<Counted<RequestRule>> m_requestRules;
     std::vector<Counted<PacketRule>> m_packetRules;

@@ -44,6 +44,14 @@ constexpr std::uint8_t kOutputEndpoint = 0x01;
 constexpr std::uint8_t kInputEndpoint = 0x81; // the output's number: it is its feedback
 constexpr std::uint8_t kFeedbackEndpoint = 0x82;
 constexpr std::uint8_t kInterruptEndpoint = 0x83;
+constexpr std::uint8_t kMidiOutEndpoint = 0x04;
+constexpr std::uint8_t kMidiInEndpoint = 0x84;
+
+// Jacks: 16 numbers for each kind, the embedded ones in the order of their cables.
+constexpr std::uint8_t kOutputFromHost = 0x10; // embedded MIDI IN jacks
+constexpr std::uint8_t kOutputSocket = 0x20;   // external MIDI OUT jacks
+constexpr std::uint8_t kInputSocket = 0x30;    // external MIDI IN jacks
+constexpr std::uint8_t kInputToHost = 0x40;    // embedded MIDI OUT jacks
 
 constexpr std::uint8_t kSubslotBytes = 4;
 constexpr std::uint8_t kBits = 24;
@@ -64,6 +72,10 @@ enum Text : std::uint8_t {
     kLineInName,
     kToHostName,
     kUpgradeName,
+    kMidiName,
+    kSilentName,
+    kMidiInNames = 0x10,
+    kMidiOutNames = 0x20,
     kOutputNames = 0x40,
     kInputNames = 0x80,
 };
@@ -74,6 +86,7 @@ struct Layout {
     std::uint8_t outputs, inputs;
     std::uint32_t mostRate; // Hz
     bool externalClock;
+    MidiPorts midi = {};
 };
 
 // "Kelvane NAME", and the texts of everything that the models have in common.
@@ -92,7 +105,9 @@ std::string textOf(const Layout& layout, std::uint8_t index) {
                                        "Line Out",
                                        "Line In",
                                        "Recording to Host",
-                                       "Firmware Upgrade"};
+                                       "Firmware Upgrade",
+                                       "MIDI",
+                                       "No Audio"};
     if (index == kProductName) {
         return fmt::format("Kelvane {}", layout.name);
     }
@@ -101,6 +116,12 @@ std::string textOf(const Layout& layout, std::uint8_t index) {
     }
     if (index >= kInputNames && index < kInputNames + layout.inputs) {
         return fmt::format("Input {}", index - kInputNames + 1);
+    }
+    if (index >= kMidiInNames && index < kMidiInNames + usb::kMostCables) {
+        return fmt::format("MIDI In {}", index - kMidiInNames + 1);
+    }
+    if (index >= kMidiOutNames && index < kMidiOutNames + usb::kMostCables) {
+        return fmt::format("MIDI Out {}", index - kMidiOutNames + 1);
     }
     return index < kTexts.size() ? kTexts[index] : "";
 }
@@ -172,7 +193,38 @@ void writeRecording(DescriptorWriter& write, const Layout& layout, std::uint8_t 
     write.streamEndpoint();
 }
 
-std::vector<std::byte> interfaceDescriptors(const Layout& layout) {
+// The interface that makes a model without audio one that audio drivers open: it never streams.
+void writeSilentStreaming(DescriptorWriter& write, std::uint8_t number) {
+    write.interface(number, 0, usb::kAudio, usb::kAudioStreaming, usb::kAudioVersion2, kSilentName);
+}
+
+// Each socket is wired to the embedded jack of its cable.
+void writeMidi(DescriptorWriter& write, const MidiPorts& midi, std::uint8_t number) {
+    write.interface(number, 0, usb::kAudio, usb::kMidiStreaming, 0, kMidiName);
+    write.midiHeader();
+    const auto plus = [](std::uint8_t first, unsigned port) {
+        return static_cast<std::uint8_t>(first + port);
+    };
+    for (unsigned port = 0; port < midi.outputs; ++port) {
+        const std::uint8_t name = plus(kMidiOutNames, port);
+        write.midiInJack(usb::kEmbedded, plus(kOutputFromHost, port), name);
+        write.midiOutJack(usb::kExternal, plus(kOutputSocket, port), plus(kOutputFromHost, port),
+                          name);
+    }
+    for (unsigned port = 0; port < midi.inputs; ++port) {
+        const std::uint8_t name = plus(kMidiInNames, port);
+        write.midiInJack(usb::kExternal, plus(kInputSocket, port), name);
+        write.midiOutJack(usb::kEmbedded, plus(kInputToHost, port), plus(kInputSocket, port), name);
+    }
+    if (midi.outputs != 0) {
+        write.midiEndpoint(kMidiOutEndpoint, midi.packetBytes, kOutputFromHost, midi.outputs);
+    }
+    if (midi.inputs != 0) {
+        write.midiEndpoint(kMidiInEndpoint, midi.packetBytes, kInputToHost, midi.inputs);
+    }
+}
+
+std::vector<std::byte> interfaceDescriptors(const Layout& layout, const MidiPorts& midi) {
     DescriptorWriter write;
     write.device({.idVendor = KELVANE_VENDOR_ID,
                   .idProduct = layout.product,
@@ -180,14 +232,22 @@ std::vector<std::byte> interfaceDescriptors(const Layout& layout) {
                   .iProduct = kProductName,
                   .iSerialNumber = kSerial});
     write.configuration(kSelfPowered, 0);
+    const bool hasMidi = midi.inputs != 0 || midi.outputs != 0;
     const bool both = layout.outputs != 0 && layout.inputs != 0;
-    write.audioFunction(0, both ? 3 : 2);
+    const auto streams = static_cast<std::uint8_t>(both ? 2 : 1);
+    write.audioFunction(0, static_cast<std::uint8_t>(1 + streams + (hasMidi ? 1 : 0)));
     writeControl(write, layout);
     if (layout.outputs != 0) {
         writePlayback(write, layout, 1);
     }
     if (layout.inputs != 0) {
         writeRecording(write, layout, layout.outputs != 0 ? 2 : 1);
+    }
+    if (layout.outputs == 0 && layout.inputs == 0) {
+        writeSilentStreaming(write, 1);
+    }
+    if (hasMidi) {
+        writeMidi(write, midi, static_cast<std::uint8_t>(1 + streams));
     }
     return write.finish();
 }
@@ -220,6 +280,20 @@ constexpr Layout kLarge{.product = 0x0005,
                         .inputs = 32,
                         .mostRate = 96'000,
                         .externalClock = false};
+constexpr Layout kDuplexMidi{.product = 0x0006,
+                             .name = "Duplex MIDI",
+                             .outputs = 2,
+                             .inputs = 2,
+                             .mostRate = 192'000,
+                             .externalClock = true,
+                             .midi = {.inputs = 1, .outputs = 1}};
+constexpr Layout kMidi{.product = 0x0007,
+                       .name = "MIDI",
+                       .outputs = 0,
+                       .inputs = 0,
+                       .mostRate = 192'000,
+                       .externalClock = false,
+                       .midi = {.inputs = 2, .outputs = 2}};
 constexpr Layout kUpgrade{.product = 0x00DF,
                           .name = "Firmware Upgrade",
                           .outputs = 0,
@@ -228,13 +302,13 @@ constexpr Layout kUpgrade{.product = 0x00DF,
                           .externalClock = false};
 
 template <const Layout& layout>
-std::vector<std::byte> describe() {
-    return interfaceDescriptors(layout);
+std::vector<std::byte> describe(const MidiPorts& midi) {
+    return interfaceDescriptors(layout, midi);
 }
 
 // A device whose firmware is being replaced.
 template <>
-std::vector<std::byte> describe<kUpgrade>() {
+std::vector<std::byte> describe<kUpgrade>(const MidiPorts&) {
     constexpr std::uint8_t kCanDownload = 0x01;
     constexpr std::uint8_t kManifestationTolerant = 0x04;
     DescriptorWriter write;
@@ -255,20 +329,23 @@ std::string strings(std::uint8_t index) {
     return textOf(layout, index);
 }
 
+template <const Layout& layout>
+constexpr BuiltInModel model(const char* name, const char* text) {
+    return {name, text, layout.mostRate, layout.midi, describe<layout>, strings<layout>};
+}
+
 constexpr std::array kModels{
-    BuiltInModel{"stereo-out",
-                 "2 outputs, 24 bit, 44100 to 192000 Hz, asynchronous with a feedback endpoint",
-                 kStereoOut.mostRate, describe<kStereoOut>, strings<kStereoOut>},
-    BuiltInModel{"input-only", "2 inputs, 24 bit, 44100 to 192000 Hz", kInputOnly.mostRate,
-                 describe<kInputOnly>, strings<kInputOnly>},
-    BuiltInModel{"duplex",
-                 "2 inputs and 2 outputs, 24 bit, 44100 to 192000 Hz, internal or S/PDIF clock, "
-                 "the inputs pace the outputs",
-                 kDuplex.mostRate, describe<kDuplex>, strings<kDuplex>},
-    BuiltInModel{"large", "32 inputs and 32 outputs, 24 bit, 44100 to 96000 Hz", kLarge.mostRate,
-                 describe<kLarge>, strings<kLarge>},
-    BuiltInModel{"dfu", "no audio: a device that waits for new firmware", kUpgrade.mostRate,
-                 describe<kUpgrade>, strings<kUpgrade>},
+    model<kStereoOut>(
+        "stereo-out",
+        "2 outputs, 24 bit, 44100 to 192000 Hz, asynchronous with a feedback endpoint"),
+    model<kInputOnly>("input-only", "2 inputs, 24 bit, 44100 to 192000 Hz"),
+    model<kDuplex>("duplex",
+                   "2 inputs and 2 outputs, 24 bit, 44100 to 192000 Hz, internal or S/PDIF clock, "
+                   "the inputs pace the outputs"),
+    model<kDuplexMidi>("duplex-midi", "as duplex, and a MIDI input and a MIDI output"),
+    model<kMidi>("midi", "2 MIDI inputs and 2 MIDI outputs, no audio"),
+    model<kLarge>("large", "32 inputs and 32 outputs, 24 bit, 44100 to 96000 Hz"),
+    model<kUpgrade>("dfu", "no audio: a device that waits for new firmware"),
 };
 
 } // namespace

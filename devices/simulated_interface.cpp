@@ -15,7 +15,11 @@ constexpr std::size_t kMostMessages = 32;
 } // namespace
 
 SimulatedInterface::SimulatedInterface(DeviceDescriptors descriptors, InterfaceOptions options)
-    : m_descriptors(std::move(descriptors)), m_options(std::move(options)) {}
+    : m_descriptors(std::move(descriptors)), m_options(std::move(options)) {
+    // A dump of several configurations may hold the first one only. Hosts read all that the device
+    // tells of, and Linux gives up a device that refuses one: it tells of those that it has.
+    m_descriptors.device[17] = static_cast<std::byte>(m_descriptors.configurations.size());
+}
 
 SimulatedInterface::~SimulatedInterface() = default;
 
@@ -24,6 +28,7 @@ void SimulatedInterface::attach(DeviceHost* host) {
     m_host = host;
     selectConfiguration(0, m_microframe);
     m_remoteWakeup = false;
+    m_midiStarted = false;
     if (host != nullptr) {
         m_microframe = 0;
     }
@@ -207,9 +212,17 @@ Handshake SimulatedInterface::in(std::uint8_t endpoint, std::uint64_t microframe
     if (source.halted || source.role == Role::None) {
         return {.kind = Handshake::Kind::Stall};
     }
-    if (source.role != Role::ClockInterrupt) {
+    switch (source.role) {
+    case Role::ClockInterrupt:
+        return sendMessage(packet);
+    case Role::MidiIn:
+        return sendMidi(microframe, packet);
+    default:
         return {};
     }
+}
+
+Handshake SimulatedInterface::sendMessage(std::span<std::byte> packet) {
     if (m_messages.empty()) {
         return {.kind = Handshake::Kind::Nak, .length = 0, .askAgain = m_nextLockChange};
     }
@@ -219,15 +232,60 @@ Handshake SimulatedInterface::in(std::uint8_t endpoint, std::uint64_t microframe
     return {.kind = Handshake::Kind::Ack, .length = length};
 }
 
-Handshake SimulatedInterface::out(std::uint8_t endpoint, std::uint64_t microframe,
-                                  std::span<const std::byte> packet) {
-    const std::lock_guard lock(m_mutex);
-    passTime(microframe);
-    const EndpointState& target = state(endpoint & 0x0F);
-    if (target.halted || target.role == Role::None) {
-        return {.kind = Handshake::Kind::Stall};
+Handshake SimulatedInterface::sendMidi(std::uint64_t microframe, std::span<std::byte> packet) {
+    if (!m_options.midiSource) {
+        return {};
+    }
+    MidiSource& source = *m_options.midiSource;
+    if (!m_midiStarted) {
+        m_midiStarted = true;
+        source.start(microframe);
+    }
+    const std::size_t length = source.read(microframe, packet);
+    if (length == 0) {
+        return {.kind = Handshake::Kind::Nak, .length = 0, .askAgain = source.next()};
+    }
+    return {.kind = Handshake::Kind::Ack, .length = length};
+}
+
+Handshake SimulatedInterface::takeMidi(std::uint64_t microframe,
+                                       std::span<const std::byte> packet) {
+    if (m_options.midiSink) {
+        const std::uint64_t at = m_options.midiSink->takesAt(microframe);
+        if (at > microframe) {
+            return {.kind = Handshake::Kind::Nak, .length = 0, .askAgain = at};
+        }
+        m_options.midiSink->take(microframe, packet);
+        m_midiChanged = true; // a source may have heard it
     }
     return {.kind = Handshake::Kind::Ack, .length = packet.size()};
+}
+
+Handshake SimulatedInterface::out(std::uint8_t endpoint, std::uint64_t microframe,
+                                  std::span<const std::byte> packet) {
+    Handshake answer{.kind = Handshake::Kind::Ack, .length = packet.size()};
+    {
+        const std::lock_guard lock(m_mutex);
+        passTime(microframe);
+        const EndpointState& target = state(endpoint & 0x0F);
+        if (target.halted || target.role == Role::None) {
+            answer = {.kind = Handshake::Kind::Stall};
+        } else if (target.role == Role::MidiOut) {
+            answer = takeMidi(microframe, packet);
+        }
+    }
+    announce();
+    return answer;
+}
+
+void SimulatedInterface::playMidi(std::shared_ptr<MidiSource> source) {
+    {
+        const std::lock_guard lock(m_mutex);
+        m_options.midiSource = std::move(source);
+        m_midiStarted = false;
+        m_midiChanged = true;
+    }
+    announce();
 }
 
 void SimulatedInterface::addMessage(std::uint8_t interfaceNumber, std::uint8_t entity,
@@ -248,16 +306,19 @@ void SimulatedInterface::addMessage(std::uint8_t interfaceNumber, std::uint8_t e
 // Outside the lock, since the host may call back at once.
 void SimulatedInterface::announce() {
     DeviceHost* host = nullptr;
-    std::uint8_t endpoint = 0;
+    std::uint8_t messages = 0;
+    std::uint8_t midi = 0;
     {
         const std::lock_guard lock(m_mutex);
-        if (!m_messages.empty()) {
-            host = m_host;
-            endpoint = m_messageEndpoint;
-        }
+        host = m_host;
+        messages = m_messages.empty() ? std::uint8_t{0} : m_messageEndpoint;
+        midi = m_midiChanged ? m_midiEndpoint : std::uint8_t{0};
+        m_midiChanged = false;
     }
-    if (host != nullptr) {
-        host->endpointReady(endpoint);
+    for (const std::uint8_t endpoint : {messages, midi}) {
+        if (host != nullptr && endpoint != 0) {
+            host->endpointReady(endpoint);
+        }
     }
 }
 

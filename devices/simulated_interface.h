@@ -3,8 +3,9 @@
 // It answers standard requests (USB 2.0, chapter 9) and UAC2 class requests as its descriptors
 // promise, plays what comes on output endpoints into an AudioSink, reports feedback, sends what an
 // AudioSource has to say on input endpoints, and tells of clock changes on its AudioControl
-// interrupt endpoint. Bulk endpoints take everything and send nothing; other interrupt endpoints
-// stay quiet.
+// interrupt endpoint. The bulk endpoints of MIDIStreaming interfaces lead to a MidiSink, all of
+// them, and from a MidiSource, the first. Other bulk endpoints take everything and send nothing;
+// other interrupt endpoints stay quiet.
 //
 // A clock source that loses its signal reads as not valid, and the interrupt endpoint says so. Its
 // sample clock goes on as if nothing had happened, as that of a locked oscillator without its
@@ -19,6 +20,8 @@
 #include "devices/drift_schedule.h"
 #include "devices/input_converter.h"
 #include "devices/lock_schedule.h"
+#include "devices/midi_sink.h"
+#include "devices/midi_source.h"
 #include "devices/output_converter.h"
 #include "devices/strings.h"
 #include "devices/usb_device.h"
@@ -39,10 +42,12 @@ struct InterfaceOptions {
     DriftSchedule ppm; // sample clocks against bus time
     StringTable strings;
     std::vector<std::uint32_t> rates{44100, 48000, 88200, 96000, 176400, 192000}; // Hz
-    std::uint32_t externalRate = 0;      // Hz, at external clock sources; 0: 48000 or nearest
-    LockSchedule lock;                   // of external clock sources
-    std::shared_ptr<AudioSink> sink;     // of the first output stream; may be null
-    std::shared_ptr<AudioSource> source; // of the first input stream; null: silence
+    std::uint32_t externalRate = 0;         // Hz, at external clock sources; 0: 48000 or nearest
+    LockSchedule lock;                      // of external clock sources
+    std::shared_ptr<AudioSink> sink;        // of the first output stream; may be null
+    std::shared_ptr<AudioSource> source;    // of the first input stream; null: silence
+    std::shared_ptr<MidiSink> midiSink;     // null: MIDI output goes nowhere, at once
+    std::shared_ptr<MidiSource> midiSource; // null: no MIDI comes in
 };
 
 class SimulatedInterface : public UsbDevice {
@@ -62,6 +67,8 @@ public:
     std::uint32_t sampleRate() const;
     std::uint8_t configurationValue() const;
     std::uint8_t currentSetting(std::uint8_t interfaceNumber) const;
+    // What comes in on the MIDI jacks from here on, instead of what came before.
+    void playMidi(std::shared_ptr<MidiSource> source);
     // Stops all streams, plays out what their FIFOs hold and finishes the sink.
     // Throws DeviceError when the sink couldn't keep everything.
     void finishOutput();
@@ -90,7 +97,7 @@ private:
         OutputConverter output;
         InputConverter input;
     };
-    enum class Role { None, AudioOut, AudioIn, Feedback, ClockInterrupt, Data };
+    enum class Role { None, AudioOut, AudioIn, Feedback, ClockInterrupt, MidiOut, MidiIn, Data };
     struct EndpointState {
         Role role = Role::None; // None: not in the settings in force
         const Endpoint* descriptor = nullptr;
@@ -106,6 +113,9 @@ private:
     void passTime(std::uint64_t microframe);
     void changeLocks(std::uint64_t microframe);
     void setValid(ClockDomain& clock, bool valid, std::uint64_t microframe);
+    Handshake sendMessage(std::span<std::byte> packet);
+    Handshake sendMidi(std::uint64_t microframe, std::span<std::byte> packet);
+    Handshake takeMidi(std::uint64_t microframe, std::span<const std::byte> packet);
     std::size_t fillFeedback(Stream& stream, std::uint64_t microframe, std::span<std::byte> packet);
 
     // Configurations and settings.
@@ -141,11 +151,14 @@ private:
     std::map<std::uint8_t, std::unique_ptr<Stream>> m_streams; // by interface number
     Stream* m_firstOutput = nullptr;
     Stream* m_firstInput = nullptr;
-    bool m_loop = false;                                   // the first input hears the first output
-    std::array<EndpointState, 32> m_endpoints;             // by number, IN endpoints from 16 on
-    std::deque<Message> m_messages;                        // waiting for the interrupt endpoint
-    std::uint8_t m_messageEndpoint = 0;                    // 0: the device has none
-    std::uint64_t m_microframe = 0;                        // the last that anybody asked for
+    bool m_loop = false;                       // the first input hears the first output
+    std::array<EndpointState, 32> m_endpoints; // by number, IN endpoints from 16 on
+    std::deque<Message> m_messages;            // waiting for the interrupt endpoint
+    std::uint8_t m_messageEndpoint = 0;        // 0: the device has none
+    std::uint8_t m_midiEndpoint = 0;           // that sends MIDI; 0: none
+    bool m_midiStarted = false;                // the host has asked m_options.midiSource
+    bool m_midiChanged = false;                // its `next` may have moved ahead
+    std::uint64_t m_microframe = 0;            // the last that anybody asked for
     std::uint64_t m_nextLockChange = LockSchedule::kNever; // microframe
 };
 

@@ -308,14 +308,16 @@ void SimulatedInterface::mapEndpoints() {
     const auto before = m_endpoints;
     m_endpoints = {};
     m_messageEndpoint = 0;
+    m_midiEndpoint = 0;
     for (const auto& [number, current] : m_settings) {
         const AlternateSetting* setting = m_configuration->find(number, current);
         if (setting == nullptr) {
             continue;
         }
         const auto stream = m_streams.find(number);
-        const bool control =
-            setting->interfaceClass == usb::kAudio && setting->subClass == usb::kAudioControl;
+        const bool audio = setting->interfaceClass == usb::kAudio;
+        const bool control = audio && setting->subClass == usb::kAudioControl;
+        const bool midi = audio && setting->subClass == usb::kMidiStreaming;
         for (const Endpoint& endpoint : setting->endpoints) {
             EndpointState& target = state(endpoint.address);
             const EndpointState& old = before[static_cast<std::size_t>(&target - &m_endpoints[0])];
@@ -332,6 +334,11 @@ void SimulatedInterface::mapEndpoints() {
             } else if (endpoint.type() == TransferType::Interrupt && endpoint.isIn() && control) {
                 target.role = Role::ClockInterrupt;
                 m_messageEndpoint = endpoint.address;
+            } else if (midi && !endpoint.isIn()) {
+                target.role = Role::MidiOut;
+            } else if (midi && m_midiEndpoint == 0) {
+                target.role = Role::MidiIn;
+                m_midiEndpoint = endpoint.address;
             }
         }
     }

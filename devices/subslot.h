@@ -1,5 +1,5 @@
-// Samples in bus subslots: little-endian, left-justified. Of a subslot that is longer than 4 bytes
-// the lowest bytes are left out, and written as 0.
+// Samples in bus subslots: little-endian, as this machine is, and left-justified. Of a subslot that
+// is longer than 4 bytes the lowest bytes are left out, and written as 0.
 #pragma once
 
 #include "devices/audio_sink.h"
@@ -7,12 +7,17 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace kelvane::devices {
 
 // Samples on this side are left-justified in 32 bits.
 inline std::uint32_t sampleAt(const std::byte* subslot, std::uint8_t subslotBytes) {
     std::uint32_t sample = 0;
+    if (subslotBytes == sizeof sample) { // what most interfaces have
+        std::memcpy(&sample, subslot, sizeof sample);
+        return sample;
+    }
     for (int i = std::max(0, subslotBytes - 4); i < subslotBytes; ++i) {
         sample |= std::to_integer<std::uint32_t>(subslot[i]) << (8 * (4 - subslotBytes + i));
     }
@@ -20,6 +25,10 @@ inline std::uint32_t sampleAt(const std::byte* subslot, std::uint8_t subslotByte
 }
 
 inline void putSample(std::byte* subslot, std::uint32_t sample, std::uint8_t subslotBytes) {
+    if (subslotBytes == sizeof sample) {
+        std::memcpy(subslot, &sample, sizeof sample);
+        return;
+    }
     for (int i = 0; i < subslotBytes - 4; ++i) {
         subslot[i] = std::byte{0};
     }

@@ -1,6 +1,7 @@
 // Numbers of the published USB standards: USB 2.0 chapter 9, USB Device Class Definition for Audio
-// Devices 2.0 (UAC2) appendix A. Spelt differently from the standards, whose capitals are macros in
-// the kernel's headers.
+// Devices 2.0 (UAC2) appendix A, USB Device Class Definition for MIDI Devices 1.0 (USB-MIDI)
+// appendix A. Spelt differently from the standards, whose capitals are macros in the kernel's
+// headers.
 #pragma once
 
 #include <cstddef>
@@ -57,6 +58,7 @@ constexpr std::uint8_t kToOther = 3;
 constexpr std::uint8_t kAudio = 0x01;
 constexpr std::uint8_t kAudioControl = 0x01;
 constexpr std::uint8_t kAudioStreaming = 0x02;
+constexpr std::uint8_t kMidiStreaming = 0x03;
 constexpr std::uint8_t kAudioVersion2 = 0x20; // bInterfaceProtocol IP_VERSION_02_00
 constexpr std::uint8_t kApplicationSpecific = 0xFE;
 constexpr std::uint8_t kFirmwareUpgrade = 0x01; // subclass of it
@@ -77,6 +79,15 @@ constexpr std::uint8_t kAsGeneral = 1;
 constexpr std::uint8_t kFormatType = 2;
 constexpr std::uint8_t kFormatTypeI = 1;
 constexpr std::uint8_t kEpGeneral = 1;
+
+// USB-MIDI descriptor subtypes of a MIDIStreaming interface, of its endpoints, and jack types.
+constexpr std::uint8_t kMsHeader = 1;
+constexpr std::uint8_t kMidiInJack = 2;
+constexpr std::uint8_t kMidiOutJack = 3;
+constexpr std::uint8_t kMsGeneral = 1;
+constexpr std::uint8_t kEmbedded = 1;
+constexpr std::uint8_t kExternal = 2;
+constexpr std::size_t kMostCables = 16; // of one endpoint: a cable number has 4 bits
 
 // UAC2 class-specific requests and control selectors.
 constexpr std::uint8_t kCur = 1;
