@@ -51,6 +51,9 @@ void BusWatch::completed(const UrbEvent& event, NTSTATUS status) {
     const URB& urb = *event.urb;
     const std::lock_guard guard(m_mutex);
     switch (event.function) {
+    case URB_FUNCTION_ISOCH_TRANSFER:
+        feedbackTransfer(event.endpoint, urb);
+        break;
     case URB_FUNCTION_SELECT_INTERFACE: {
         const auto& selected = urb.UrbSelectInterface.Interface;
         if (selected.AlternateSetting != 0) {
@@ -71,9 +74,43 @@ void BusWatch::completed(const UrbEvent& event, NTSTATUS status) {
         }
         break;
     }
+    case URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER:
+        countBulk(event.endpoint, urb.UrbBulkOrInterruptTransfer.TransferBufferLength);
+        break;
     default:
         break;
     }
+}
+
+// The driver reads a feedback value in a transfer of its own, of one packet (USB 2.0, 5.12.4.2).
+void BusWatch::feedbackTransfer(std::uint8_t endpoint, const URB& urb) {
+    const auto& transfer = urb.UrbIsochronousTransfer;
+    constexpr std::uint8_t kIn = 0x80;
+    if ((endpoint & kIn) != 0 && transfer.NumberOfPackets == 1 &&
+        transfer.IsoPacket[0].Length == sizeof m_feedback && transfer.TransferBuffer != nullptr) {
+        m_feedback =
+            valueAt<std::uint32_t>(dataOf(transfer.TransferBuffer, transfer.TransferBufferLength),
+                                   transfer.IsoPacket[0].Offset);
+    }
+}
+
+void BusWatch::countBulk(std::uint8_t endpoint, std::uint32_t bytes) {
+    if (bytes == 0 || !m_bulkEndpoints.contains(endpoint)) {
+        return;
+    }
+    const bool in = (endpoint & 0x80) != 0;
+    ++(in ? m_bulk.transfersIn : m_bulk.transfersOut);
+    (in ? m_bulk.bytesIn : m_bulk.bytesOut) += bytes;
+}
+
+void BusWatch::watchBulk(std::uint8_t endpoint) {
+    const std::lock_guard guard(m_mutex);
+    m_bulkEndpoints.insert(endpoint);
+}
+
+MidiCounters BusWatch::bulk() const {
+    const std::lock_guard guard(m_mutex);
+    return m_bulk;
 }
 
 void BusWatch::clockRequest(const SetupPacket& setup, std::span<const std::byte> data) {
@@ -121,6 +158,13 @@ std::vector<std::uint32_t> BusWatch::clockRates(std::uint8_t clock) const {
 std::uint8_t BusWatch::clockInUse() const {
     const std::lock_guard guard(m_mutex);
     return m_clockInUse;
+}
+
+std::optional<double> BusWatch::feedbackRate() const {
+    const std::lock_guard guard(m_mutex);
+    constexpr double kOne = 65536.0;
+    return m_feedback == 0 ? std::nullopt
+                           : std::optional(m_feedback / kOne * devices::kMicroframesPerSecond);
 }
 
 std::string BusWatch::text(std::uint8_t index) const {

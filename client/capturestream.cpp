@@ -1,7 +1,5 @@
 #include "client/pinstream.h"
 
-#include <algorithm>
-
 namespace kelvane::client {
 
 void CaptureStream::queueBuffers(std::size_t count) {
@@ -35,8 +33,7 @@ CapturedAudio CaptureStream::rest() const {
     if (parts().queue.empty() || bytes == 0) {
         return {};
     }
-    const auto& data = parts().queue.front()->data;
-    return {.frames = std::span(data).first(std::min<std::size_t>(bytes, data.size())),
+    return {.frames = parts().queue.front()->soFar(bytes),
             .discontinuity = false,
             .time = std::nullopt};
 }

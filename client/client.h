@@ -3,6 +3,8 @@
 // No kernel type appears here.
 #pragma once
 
+#include "client/midi.h"
+
 #include <array>
 #include <cstdint>
 #include <functional>
@@ -15,9 +17,17 @@
 
 namespace kelvane::devices {
 class AudioSink;
-}
+class UsbDevice;
+} // namespace kelvane::devices
+
+namespace kelvane::usb {
+class UsbLibrary;
+} // namespace kelvane::usb
 
 namespace kelvane::client {
+
+class BusCapture;
+class FilterPort;
 
 // A request that the driver or the class driver refused.
 class StatusError : public std::runtime_error {
@@ -40,30 +50,62 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// A real interface was pulled out while it was in use.
+class GoneError : public InputError {
+public:
+    explicit GoneError(const std::string& device)
+        : InputError(device + ": the interface was pulled out") {}
+};
+
 enum class Clock { Virtual, Real };
 
 // The longest transfer that the bus takes, in 1 ms frames: 1024 packets of one microframe.
 constexpr std::uint32_t kMaximumTransferFrames = 128;
 
+// What the environment variable KELVANE_DRIVER names; else empty.
+std::string defaultDriver();
+
 struct SystemOptions {
-    std::string device = "stereo-out";     // a built-in model, or the path of a descriptor dump
-    std::optional<std::uint16_t> asVendor; // present the device under this vendor ID
-    double ppm = 0.0;                      // the device's sample clock against bus time
+    std::string driver = defaultDriver(); // path of a driver image; empty: the one linked in here
+    // A built-in model or the path of a descriptor dump; with `usb` a real device of this computer,
+    // as "VID:PID", "VID:PID:SERIAL" or "BUS-ADDRESS".
+    std::string device = "stereo-out";
+    bool usb = false;
+    std::shared_ptr<usb::UsbLibrary> usbLibrary; // in place of libusb; null: libusb
+    std::optional<std::uint16_t> asVendor;       // present the device under this vendor ID
+    // Of a real device without audio of UAC2: present its MIDI alone, in a shape that the driver
+    // takes.
+    bool midiOnly = false;
+    // What a person should know about the way it runs, a line each; called on any thread.
+    std::function<void(const std::string&)> note;
+    // The rest of what a simulated device is and hears goes without effect with a real one.
+    double ppm = 0.0;  // the device's sample clock against bus time
     std::string drift; // the same over time, in place of `ppm`: "150", "-300..300/20s" for a swing
     std::string lock;  // when an external clock has no signal, in seconds: "5..8", "0..2,5.."
     // What the device's input hears: "silence", "tone:HZ" ("tone:HZ:DBFS"), "counter", "loopback"
     // (what its output plays), the path of an audio file, or "loop:FILE".
     std::string input = "silence";
     std::string outputFile; // the WAV file of what the device's converter plays; may be empty
-    std::shared_ptr<devices::AudioSink> sink;    // takes it in place of a file; may be null
+    std::shared_ptr<devices::AudioSink> sink; // takes it in place of a file; may be null
+    // Gives what is plugged in in the device's place: one that watches it, or that adds faults.
+    std::function<std::shared_ptr<devices::UsbDevice>(std::shared_ptr<devices::UsbDevice>)> wrap;
+    MidiOptions midi;
+    std::shared_ptr<BusCapture> capture;         // of what goes over the bus; may be null
     std::optional<std::uint32_t> transferFrames; // "UrbSize" in the driver's key, 1 ms frames
     std::optional<std::uint32_t> savedRate;      // "SampleRate" in the driver's key, Hz
     std::uint32_t completionDelay = 0;           // microframes from a transfer's last packet on
     std::uint32_t completionJitter = 0;          // 0 to this many more, from a fixed seed
-    Clock clock = Clock::Virtual;
+    Clock clock = Clock::Virtual;                // a real device has the real one in any case
+    // Use the device that another process serves on this socket; of all above, only
+    // `transferFrames` counts then. Empty: a machine and an interface of its own.
+    std::string socket;
     std::function<void(const std::string&)> trace;    // one line of trace, formatted
     std::function<void(const std::string&)> breaches; // a broken kernel rule; empty: abort
 };
+
+// Whether `SystemOptions::lock` or `MidiOptions::stuck` can be read. Throws InputError, which says
+// what is wrong.
+void checkSchedule(const std::string& text);
 
 // Whether `SystemOptions::drift` can be read. Throws InputError, which says what is wrong.
 void checkDrift(const std::string& text);
@@ -137,6 +179,7 @@ struct FilterInfo {
     std::vector<ConnectionInfo> connections;
     std::vector<InterfaceInfo> interfaces;
     std::vector<ClockInfo> clocks;
+    std::vector<MidiPort> midiPorts;
 };
 
 struct PcmFormat {
@@ -224,6 +267,13 @@ private:
     using PinStream::PinStream;
 };
 
+// A stream that an application has open.
+struct OpenStream {
+    bool input = false;
+    PcmFormat format;
+    LatencyStatistics latency;
+};
+
 // What went over the bus, counted by the host controller.
 struct BusCounters {
     std::uint64_t transfers = 0; // isochronous, completed
@@ -252,19 +302,44 @@ struct InputCounters {
 class System {
 public:
     // Loads the driver and attaches the interface. Throws InputError for a bad option, model or
-    // dump, StatusError when the driver refuses the device.
+    // dump and for a real device that can't be had, StatusError when the driver refuses the device.
     explicit System(const SystemOptions& options);
     ~System(); // detaches, unloads, proves that nothing is left
     System(const System&) = delete;
     System& operator=(const System&) = delete;
 
+    // What the interface is, as whoever made it named it.
+    const std::string& device() const;
+    const std::string& input() const; // what its input hears
+    // The process that serves it; nothing when this one made it.
+    std::optional<std::uint32_t> servedBy() const;
     FilterInfo describe();
+    // A way of its own to the filter that goes by this friendly name (empty: the first), for a
+    // Control. Goes before the system. Throws InputError when there is no such filter.
+    std::unique_ptr<FilterPort> openPort(const std::string& name = {});
     std::optional<PinInfo> renderPin(); // the filter's first
     std::optional<PinInfo> capturePin();
     // That pin, opened. Throws StatusError when there is none or it doesn't take the format. Both
     // may be open at once, at one rate.
     RenderStream openRender(const PcmFormat& format);
     CaptureStream openCapture(const PcmFormat& format);
+    // Those of all processes that use a served device; none otherwise.
+    std::vector<OpenStream> servedStreams() const;
+
+    // The filter's MIDI pins, in the order of their ids.
+    std::vector<MidiPort> midiPorts();
+    // A port, opened and running. Throws StatusError.
+    MidiOutput openMidiOutput(const MidiPort& port);
+    MidiInput openMidiInput(const MidiPort& port);
+    // The interface's inputs hear this, times counted from now on. Ports that it lacks are silent.
+    void playMidi(std::span<const MidiEvent> events);
+    // What its outputs have played, packet by packet, at the machine's time.
+    std::vector<MidiEvent> midiHeard() const;
+    MidiCounters midiCounters() const; // since the first stream was opened, as busCounters
+
+    // Runs each on a thread of the machine's own, and waits for all. An exception is passed on.
+    void together(const std::vector<std::function<void()>>& bodies);
+    void sleepUntil(double seconds);        // of the machine's time
     void sleep(std::uint32_t milliseconds); // in the machine's time
     double seconds() const;                 // the machine's time since it was made
 
@@ -272,6 +347,13 @@ public:
     // Since the first of the streams was opened that are or were open together last; or else since
     // the start.
     BusCounters busCounters() const;
+    // Whether the device is a simulated one, which tells what it was sent. Of a real one all
+    // counters of the device are 0, and its MIDI is neither played nor heard here.
+    bool isSimulated() const;
+    // A real device has been pulled out, and its driver told.
+    bool isGone() const;
+    // The last value of the interface's feedback endpoint, Hz; nothing when it never reported.
+    std::optional<double> feedbackRate() const;
     DeviceCounters deviceCounters() const;
     InputCounters inputCounters() const;
     std::vector<std::string> warnings() const; // trace lines that tell of trouble, in order
@@ -282,6 +364,7 @@ public:
     void finishDevice();
 
 private:
+    friend class Server;
     struct Parts;
     std::unique_ptr<Parts> m_parts;
 };

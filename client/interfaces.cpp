@@ -1,5 +1,6 @@
 #include "client/interfaces.h"
 
+#include "devices/driver_model.h"
 #include "devices/usb_spec.h"
 
 #include <fmt/format.h>
@@ -10,29 +11,6 @@ namespace kelvane::client {
 namespace {
 
 namespace spec = devices::usb;
-
-std::string className(const devices::AlternateSetting& setting) {
-    struct Known {
-        int interfaceClass;
-        int subClass; // -1: any
-        const char* name;
-    };
-    constexpr std::array kKnown = {
-        Known{spec::kAudio, spec::kAudioControl, "AudioControl"},
-        Known{spec::kAudio, spec::kAudioStreaming, "AudioStreaming"},
-        Known{spec::kAudio, 3, "MIDIStreaming"},
-        Known{0x03, -1, "HID"},
-        Known{0xFE, 1, "DFU"},
-        Known{0xFF, -1, "vendor-specific"},
-    };
-    for (const Known& known : kKnown) {
-        if (known.interfaceClass == setting.interfaceClass &&
-            (known.subClass < 0 || known.subClass == setting.subClass)) {
-            return known.name;
-        }
-    }
-    return fmt::format("class {:02x}/{:02x}", setting.interfaceClass, setting.subClass);
-}
 
 std::string endpointKind(const devices::Endpoint& endpoint) {
     constexpr std::array kTypes = {"control", "isochronous", "bulk", "interrupt"};
@@ -72,7 +50,10 @@ std::vector<InterfaceInfo> readInterfaces(const devices::Configuration& configur
         }
         InterfaceInfo info{.number = number,
                            .chosenSetting = chosen,
-                           .what = className(*setting),
+                           .what =
+                               devices::interfaceName({.interfaceClass = setting->interfaceClass,
+                                                       .subClass = setting->subClass,
+                                                       .protocol = setting->protocol}),
                            .endpoints = {}};
         for (const devices::Endpoint& endpoint : setting->endpoints) {
             info.endpoints.push_back({.address = endpoint.address,

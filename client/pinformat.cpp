@@ -19,15 +19,21 @@ AudioDataFormat makeDataFormat(const PcmFormat& format) {
     return data;
 }
 
+KSPIN_CONNECT makePinConnect(std::uint32_t pin) {
+    KSPIN_CONNECT connect{};
+    connect.Interface.Set = {STATIC_KSINTERFACESETID_Standard};
+    connect.Interface.Id = KSINTERFACE_STANDARD_STREAMING;
+    connect.Medium.Set = {STATIC_KSMEDIUMSETID_Standard};
+    connect.Medium.Id = KSMEDIUM_STANDARD_DEVIO;
+    connect.PinId = pin;
+    connect.PinToHandle = nullptr;
+    connect.Priority = {.PriorityClass = KSPRIORITY_NORMAL, .PrioritySubClass = 1};
+    return connect;
+}
+
 PinConnection makeConnection(std::uint32_t pin, const PcmFormat& format) {
     PinConnection connection{};
-    connection.connect.Interface.Set = {STATIC_KSINTERFACESETID_Standard};
-    connection.connect.Interface.Id = KSINTERFACE_STANDARD_STREAMING;
-    connection.connect.Medium.Set = {STATIC_KSMEDIUMSETID_Standard};
-    connection.connect.Medium.Id = KSMEDIUM_STANDARD_DEVIO;
-    connection.connect.PinId = pin;
-    connection.connect.PinToHandle = nullptr;
-    connection.connect.Priority = {.PriorityClass = KSPRIORITY_NORMAL, .PrioritySubClass = 1};
+    connection.connect = makePinConnect(pin);
     connection.format = makeDataFormat(format);
     return connection;
 }

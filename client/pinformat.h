@@ -39,6 +39,9 @@ struct PinConnection {
 static_assert(sizeof(AudioDataFormat) == 82); // KSDATAFORMAT_WAVEFORMATEX
 static_assert(offsetof(PinConnection, format) == sizeof(KSPIN_CONNECT));
 
+// The streaming interface over the device's own medium: what every pin of the driver has.
+KSPIN_CONNECT makePinConnect(std::uint32_t pin);
+
 AudioDataFormat makeDataFormat(const PcmFormat& format);
 PinConnection makeConnection(std::uint32_t pin, const PcmFormat& format);
 

@@ -41,7 +41,7 @@ bool RenderStream::drain(std::uint32_t milliseconds) {
     if (!waitForQueue(0, milliseconds)) {
         return false;
     }
-    parts().context.sleep(drainMilliseconds());
+    parts().context.host.sleep(drainMilliseconds());
     return true;
 }
 

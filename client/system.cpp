@@ -1,193 +1,55 @@
-#include "client/buswatch.h"
-#include "client/client.h"
-#include "client/interfaces.h"
-#include "client/kshandle.h"
+#include "client/device.h"
+#include "client/machinehost.h"
 #include "client/pinformat.h"
-#include "client/pinstream.h"
-#include "client/refusal.h"
+#include "client/served_host.h"
+#include "client/systemparts.h"
 #include "client/topology.h"
-#include "client/troubles.h"
-#include "devices/error.h"
-#include "devices/models.h"
-#include "platform/nt/machine.h"
-#include "platform/nt/pnp.h"
-#include "platform/nt/text.h"
-#include "platform/usb/bus.h"
-
-#include <fmt/format.h>
 
 #include <algorithm>
-#include <cstring>
-
-extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
 
 namespace kelvane::client {
-namespace {
 
-constexpr const char16_t* kService = u"kelvane";
-
-nt::MachineOptions machineOptions(const SystemOptions& options, Troubles& troubles) {
-    nt::MachineOptions machine;
-    machine.clock = options.clock == Clock::Real ? nt::ClockKind::Real : nt::ClockKind::Virtual;
-    machine.trace = [trace = options.trace, &troubles](const nt::TraceRecord& record) {
-        troubles.consider(record.text);
-        if (trace) {
-            trace(nt::format(record));
-        }
-    };
-    if (options.breaches) {
-        machine.breaches = [report = options.breaches](const nt::Breach& breach) {
-            report(breach.report());
-        };
+System::System(const SystemOptions& options) : m_parts(std::make_unique<Parts>()) {
+    if (options.socket.empty()) {
+        m_parts->host = std::make_unique<MachineHost>(options);
+    } else {
+        m_parts->host = std::make_unique<ServedHost>(options);
     }
-    return machine;
-}
-
-void sleepInMachine(std::uint32_t milliseconds) {
-    LARGE_INTEGER interval{};
-    interval.QuadPart = -static_cast<LONGLONG>(nt::kMillisecond) * milliseconds;
-    KeDelayExecutionThread(KernelMode, FALSE, &interval);
-}
-
-// The driver publishes its filter under this category, among others.
-std::u16string findFilter(DEVICE_OBJECT* pdo) {
-    const GUID category = {STATIC_KSCATEGORY_AUDIO};
-    WCHAR* list = nullptr;
-    const NTSTATUS status = IoGetDeviceInterfaces(&category, pdo, 0, &list);
-    if (!NT_SUCCESS(status)) {
-        throw StatusError("the driver's filter can't be found", static_cast<std::uint32_t>(status));
-    }
-    std::u16string link = nt::copyString(list); // the first; there is one per device
-    ExFreePool(list);
-    return link;
-}
-
-} // namespace
-
-struct System::Parts {
-    explicit Parts(const SystemOptions& asked);
-    ~Parts();
-
-    void openDevice();
-    void start();
-    void countAnew(); // the start-up's own transfers are none of a stream's
-    std::optional<PinInfo> findPin(Direction direction) const;
-    std::unique_ptr<PinStream::Parts> openPin(Direction direction, const PcmFormat& format);
-    KsFile createPin(std::span<const std::byte> connection);
-    [[noreturn]] void refuse(const std::string& what, NTSTATUS status) const;
-
-    SystemOptions options;
-    Troubles troubles;
-    BusWatch watch;
-    std::shared_ptr<devices::SimulatedInterface> device;
-    nt::Machine machine;
-    DRIVER_OBJECT* driver = nullptr;
-    DEVICE_OBJECT* pdo = nullptr;
-    bool started = false;
-    std::u16string link; // of the filter
-    std::optional<KsFile> filter;
-    std::weak_ptr<void> streams; // expired: none is open
-    usb::BusCounters busBefore;
-    devices::OutputCounters converterBefore;
-    devices::InputCounters inputBefore;
-};
-
-System::Parts::Parts(const SystemOptions& asked)
-    : options(asked), machine(machineOptions(options, troubles)) {}
-
-System::Parts::~Parts() {
-    filter.reset();
-    auto& bus = machine.service<usb::UsbBus>();
-    if (started) {
-        nt::removeDevice(pdo);
-    }
-    if (pdo != nullptr) {
-        bus.detach(pdo);
-    }
-    bus.removeObserver(watch);
-    if (driver != nullptr) {
-        nt::unloadDriver(driver);
-    }
-}
-
-void System::Parts::openDevice() {
-    devices::DeviceOptions deviceOptions;
-    deviceOptions.asVendor = options.asVendor;
-    deviceOptions.sink = options.sink;
-    deviceOptions.outputFile = options.outputFile;
-    try {
-        deviceOptions.ppm = options.drift.empty() ? devices::DriftSchedule(options.ppm)
-                                                  : devices::DriftSchedule::parse(options.drift);
-        deviceOptions.lock = devices::LockSchedule::parse(options.lock);
-        deviceOptions.source = devices::makeSource(options.input);
-        device = devices::makeDevice(options.device, deviceOptions);
-    } catch (const devices::DeviceError& error) {
-        throw InputError(error.what());
-    }
-}
-
-void System::Parts::start() {
-    NTSTATUS status = STATUS_SUCCESS;
-    driver = nt::loadDriver(DriverEntry, kService, &status);
-    if (driver == nullptr) {
-        refuse("the driver can't be loaded", status);
-    }
-    usb::AttachOptions attach;
-    attach.completionDelay = options.completionDelay;
-    attach.completionJitter = options.completionJitter;
-    auto& bus = machine.service<usb::UsbBus>();
-    bus.addObserver(watch);
-    pdo = bus.attach(device, attach);
-    const std::u16string key = nt::driverKeyPath(pdo);
-    if (options.transferFrames) {
-        machine.registry().setDword(key, u"UrbSize", *options.transferFrames);
-    }
-    if (options.savedRate) {
-        machine.registry().setDword(key, u"SampleRate", *options.savedRate);
-    }
-    status = nt::startDevice(driver, pdo);
-    if (!NT_SUCCESS(status)) {
-        refuse(fmt::format("{}: the driver refuses the device", options.device), status);
-    }
-    started = true;
-    link = findFilter(pdo);
-    filter.emplace(KsFile::openFilter(link));
-}
-
-void System::Parts::refuse(const std::string& what, NTSTATUS status) const {
-    std::string reasons;
-    for (const std::string& reason : refusalReasons(device->descriptors())) {
-        reasons += "\n  " + reason;
-    }
-    for (const std::string& line : troubles.lines()) {
-        reasons += "\n  " + line;
-    }
-    throw StatusError(what, static_cast<std::uint32_t>(status), reasons);
-}
-
-System::System(const SystemOptions& options) : m_parts(std::make_unique<Parts>(options)) {
-    m_parts->openDevice();
-    m_parts->start();
 }
 
 System::~System() = default;
 
+const std::string& System::device() const {
+    return m_parts->host->device();
+}
+
+const std::string& System::input() const {
+    return m_parts->host->input();
+}
+
+std::optional<std::uint32_t> System::servedBy() const {
+    return m_parts->host->servedBy();
+}
+
 FilterInfo System::describe() {
     FilterInfo info;
-    info.friendlyName = readFriendlyName(m_parts->link);
-    info.symbolicLink = nt::toUtf8(m_parts->link);
-    info.pins = readPins(*m_parts->filter);
-    readTopology(*m_parts->filter, info);
-    const auto& configurations = m_parts->device->descriptors().configurations;
-    if (!configurations.empty()) { // the driver selects the first
-        info.interfaces = readInterfaces(configurations.front(), m_parts->watch);
-        info.clocks = readClocks(configurations.front(), m_parts->watch);
-    }
+    Host& host = *m_parts->host;
+    info.friendlyName = host.friendlyName();
+    info.symbolicLink = host.symbolicLink();
+    info.pins = readPins(host.filter());
+    readTopology(host.filter(), info);
+    info.midiPorts = midiPorts();
+    info.interfaces = host.interfaces();
+    info.clocks = host.clocks();
     return info;
 }
 
+std::unique_ptr<FilterPort> System::openPort(const std::string& name) {
+    return m_parts->host->openPort(name);
+}
+
 std::optional<PinInfo> System::Parts::findPin(Direction direction) const {
-    const auto pins = readPins(*filter);
+    const auto pins = readPins(host->filter());
     const auto found = std::find_if(pins.begin(), pins.end(), [&](const PinInfo& pin) {
         return pin.intoFilter == (direction == Direction::Output) && pin.communication == "sink" &&
                !pin.formats.empty() && pin.formats.front().subformat == "PCM";
@@ -203,26 +65,31 @@ std::unique_ptr<PinStream::Parts> System::Parts::openPin(Direction direction,
                                                          : "the filter has no capture pin",
                           static_cast<std::uint32_t>(STATUS_NOT_FOUND));
     }
+    host->willStream();
     const PinConnection connection = makeConnection(pin->id, format);
     KsFile file = createPin(bytesOf(connection));
+    return std::make_unique<PinStream::Parts>(std::move(file), format, direction,
+                                              StreamContext{*host, openStream()});
+}
+
+std::shared_ptr<void> System::Parts::openStream() {
     auto open = streams.lock();
     if (!open) {
         countAnew();
         open = std::make_shared<bool>(true);
         streams = open;
     }
-    return std::make_unique<PinStream::Parts>(std::move(file), format, direction,
-                                              StreamContext{troubles, sleepInMachine, open});
+    return open;
 }
 
 // A status alone says little: the driver's own lines go with it.
 KsFile System::Parts::createPin(std::span<const std::byte> connection) {
-    const std::size_t before = troubles.lines().size();
+    const std::size_t before = host->warnings().size();
     try {
-        return filter->createPin(connection);
+        return host->filter().createPin(connection);
     } catch (const StatusError& error) {
         std::string reasons;
-        for (const std::string& line : troubles.takeAfter(before)) {
+        for (const std::string& line : host->takeWarningsAfter(before)) {
             reasons += "\n  " + line;
         }
         throw StatusError("the pin can't be opened", error.status(), reasons);
@@ -245,71 +112,75 @@ CaptureStream System::openCapture(const PcmFormat& format) {
     return CaptureStream(m_parts->openPin(Direction::Input, format));
 }
 
+std::vector<OpenStream> System::servedStreams() const {
+    return m_parts->host->servedStreams();
+}
+
 void System::sleep(std::uint32_t milliseconds) {
-    sleepInMachine(milliseconds);
+    m_parts->host->sleep(milliseconds);
+}
+
+void System::sleepUntil(double seconds) {
+    m_parts->host->sleepUntil(seconds);
 }
 
 double System::seconds() const {
-    return static_cast<double>(m_parts->machine.scheduler().now()) / (1000.0 * nt::kMillisecond);
+    return m_parts->host->seconds();
+}
+
+void System::together(const std::vector<std::function<void()>>& bodies) {
+    m_parts->host->together(bodies);
 }
 
 std::vector<std::uint32_t> System::rates() {
-    auto rates = m_parts->watch.clockRates(m_parts->watch.clockInUse());
+    auto rates = m_parts->host->rates();
     std::sort(rates.begin(), rates.end());
     return rates;
 }
 
 void System::Parts::countAnew() {
-    busBefore = machine.service<usb::UsbBus>().counters(pdo);
-    converterBefore = device->outputCounters();
-    inputBefore = device->inputCounters();
+    before = host->counters();
 }
 
 BusCounters System::busCounters() const {
-    const usb::BusCounters& before = m_parts->busBefore;
-    const auto now = m_parts->machine.service<usb::UsbBus>().counters(m_parts->pdo);
+    const usb::BusCounters& before = m_parts->before.bus;
+    const usb::BusCounters now = m_parts->host->counters().bus;
     return {.transfers = now.transfers - before.transfers,
             .packets = now.packets - before.packets,
             .bytes = now.bytes - before.bytes,
             .errors = now.errors - before.errors};
 }
 
+bool System::isSimulated() const {
+    return m_parts->host->isSimulated();
+}
+
+bool System::isGone() const {
+    return m_parts->host->isGone();
+}
+
+std::optional<double> System::feedbackRate() const {
+    return m_parts->host->counters().feedbackRate;
+}
+
 DeviceCounters System::deviceCounters() const {
-    const devices::OutputCounters& before = m_parts->converterBefore;
-    devices::OutputCounters now = m_parts->device->outputCounters();
-    now.framesReceived -= before.framesReceived;
-    now.framesPlayed -= before.framesPlayed;
-    now.playMicroframes -= before.playMicroframes;
-    return {.framesReceived = now.framesReceived,
-            .framesPlayed = now.framesPlayed,
-            .underruns = now.underruns - before.underruns,
-            .overruns = now.overruns - before.overruns,
-            .measuredRate = now.measuredRate()};
+    return since(m_parts->before.converter, m_parts->host->counters().converter);
 }
 
 InputCounters System::inputCounters() const {
-    const devices::InputCounters& before = m_parts->inputBefore;
-    const devices::InputCounters now = m_parts->device->inputCounters();
-    return {.framesSent = now.framesSent - before.framesSent,
-            .framesLost = now.framesLost - before.framesLost,
-            .framesMuted = now.framesMuted - before.framesMuted};
+    return since(m_parts->before.input, m_parts->host->counters().input);
 }
 
 std::vector<std::string> System::warnings() const {
-    return m_parts->troubles.lines();
+    return m_parts->host->warnings();
 }
 
 std::uint64_t System::poolAllocations() const {
-    return m_parts->machine.pool().counters().allocations;
+    return m_parts->host->counters().poolAllocations;
 }
 
 void System::finishDevice() {
-    try {
-        m_parts->device->finishOutput();
-        m_parts->device->finishInput();
-    } catch (const devices::DeviceError& error) {
-        throw InputError(error.what());
-    }
+    m_parts->host->finishDevice();
 }
 
 } // namespace kelvane::client
