@@ -2,6 +2,7 @@
 // client::InputError for input that it can't use.
 #pragma once
 
+#include "cli/logoptions.h"
 #include "client/client.h"
 
 #include <cstdint>
@@ -15,8 +16,7 @@ constexpr int kExitFailure = 1; // bad input, or the driver refused
 constexpr int kExitUsage = 2;
 
 // What the subcommands that stream have in common.
-struct StreamOptions {
-    std::string trace;                    // as TraceLog takes it
+struct StreamOptions : LogOptions {
     std::optional<std::uint32_t> rate;    // Hz; none: as the file, or as near as the device has it
     std::optional<std::int64_t> transfer; // 1 ms bus frames; none: as the driver has it
     bool json = false;
@@ -54,13 +54,23 @@ struct LoopbackOptions : StreamOptions {
 int loopback(const LoopbackOptions& options);
 
 // `kelvane show`: what the driver publishes of an interface, in one of three forms.
-struct ShowOptions {
-    std::string trace;
+struct ShowOptions : LogOptions {
     bool json = false;
     bool dot = false; // a Graphviz graph: pins as boxes, nodes as ellipses, left to right
     client::SystemOptions system;
 };
 int show(const ShowOptions& options);
+
+// `kelvane inspect`: what the driver will make of an interface, told from its descriptors.
+struct InspectOptions {
+    std::string device; // a built-in model, the path of a descriptor dump, or
+    bool usb = false;   // a real device
+    std::optional<std::uint16_t> asVendor;
+    bool midiOnly = false; // of a real device, the MIDI alone
+    bool json = false;
+    bool check = false; // exit status 1 when the device is refused or has errors
+};
+int inspect(const InspectOptions& options);
 
 // `kelvane devices`
 int devices(bool json);

@@ -17,8 +17,8 @@ int duplex(const DuplexOptions& options) {
     checkFiles(files);
     AudioFile played(options.file);
     PartFile part(options.recording);
-    TraceLog trace(options.trace);
-    Session session(options, trace);
+    RunLog log(options);
+    Session session(options, log);
     session.require(true, true);
     RunReport report;
     report.command = "duplex";
@@ -36,19 +36,20 @@ int duplex(const DuplexOptions& options) {
         Recording recording([&](std::span<const std::byte> frames) { file.write(frames); }, input,
                             file.mostFrames());
         {
-            Progress progress(played.seconds(), !trace.isOnTerminal());
+            Progress progress(played.seconds(), !log.isOnTerminal());
             report.busSeconds =
                 run({.playback = &playback, .recording = &recording}, session, progress);
         }
         file.finish();
         concludePlayback(options, session, played, source, output, report);
-        concludeRecording(options, part, file, recording, report);
+        concludeRecording(session, part, file, recording, report);
         session.conclude(report);
         if (recording.full()) {
             report.notes.push_back("the recording ended at the size that a WAV file can have");
         }
     }
     session.finish();
+    log.finish();
     part.keep();
     return printReport(options, report);
 }

@@ -12,13 +12,6 @@
 namespace kelvane::cli {
 namespace {
 
-// The file among what an interface's input can hear; empty when it hears none.
-std::string sourceFile(const std::string& input) {
-    const std::string path = input.starts_with("loop:") ? input.substr(5) : input;
-    std::error_code error;
-    return std::filesystem::is_regular_file(path, error) ? path : std::string();
-}
-
 template <class... Columns>
 int print(const StreamOptions& options, const auto& report, Columns... columns) {
     fmt::print("{}{}", options.json ? reportJson(report) : reportText(report, columns...),
@@ -36,7 +29,7 @@ void concludePlayback(const StreamOptions& options, Session& session, const Audi
         PlaybackReport{.file = file.info(),
                        .format = stream.format(),
                        .framesPlayed = stream.bytesPlayed() / stream.format().frameBytes(),
-                       .converter = session.system().deviceCounters(),
+                       .converter = session.converter(),
                        .latency = stream.latency(),
                        .outputFile = options.system.outputFile};
     report.transferFrames = stream.transferFrames();
@@ -48,11 +41,11 @@ void concludePlayback(const StreamOptions& options, Session& session, const Audi
     }
 }
 
-void concludeRecording(const StreamOptions& options, const PartFile& part, const WavWriter& file,
+void concludeRecording(Session& session, const PartFile& part, const WavWriter& file,
                        Recording& recording, RunReport& report) {
     const client::CaptureStream& stream = recording.stream();
     report.recording = RecordingReport{.path = part.path(),
-                                       .input = options.system.input,
+                                       .input = session.system().input(),
                                        .format = stream.format(),
                                        .fileBits = file.bits(),
                                        .framesRecorded = file.frames(),
@@ -75,10 +68,16 @@ bool wasInterrupted() {
     return Interrupt::signal() != 0;
 }
 
+std::string sourceFile(const std::string& input) {
+    const std::string path = input.starts_with("loop:") ? input.substr(5) : input;
+    std::error_code error;
+    return std::filesystem::is_regular_file(path, error) ? path : std::string();
+}
+
 RunFiles filesOf(const StreamOptions& options) {
     return {.read = {options.system.device, sourceFile(options.system.input)},
             .written = {options.system.outputFile},
-            .trace = options.trace};
+            .log = options};
 }
 
 } // namespace kelvane::cli

@@ -16,7 +16,7 @@ namespace kelvane::cli {
 void concludePlayback(const StreamOptions& options, Session& session, const AudioFile& file,
                       const PlaySource& source, const client::RenderStream& stream,
                       RunReport& report);
-void concludeRecording(const StreamOptions& options, const PartFile& part, const WavWriter& file,
+void concludeRecording(Session& session, const PartFile& part, const WavWriter& file,
                        Recording& recording, RunReport& report);
 
 // Prints the report, as text or JSON. Returns the exit status. Throws InputError when standard
@@ -27,6 +27,8 @@ int printReport(const StreamOptions& options, const LoopbackReport& report);
 // Whether Ctrl-C ended the last run.
 bool wasInterrupted();
 
+// The file among what an interface's input can hear; empty when it hears none.
+std::string sourceFile(const std::string& input);
 // The files that these options name.
 RunFiles filesOf(const StreamOptions& options);
 

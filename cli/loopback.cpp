@@ -24,7 +24,7 @@ namespace {
 
 using client::InputError;
 
-constexpr std::uint32_t kUsualRate = 48000; // Hz
+constexpr std::uint32_t kMeasuredRate = 48000; // Hz
 constexpr std::uint32_t kClicks = 8;
 constexpr std::int32_t kClick = 0x4000'0000;     // half of full scale, left-justified
 constexpr std::int32_t kThreshold = 0x2000'0000; // above it is a click
@@ -118,14 +118,14 @@ RoundTrip toRoundTrip(const ClickTrain& train, const std::vector<std::uint64_t>&
 }
 
 // One transfer size. Nothing after Ctrl-C.
-std::optional<RoundTrip> measure(const LoopbackOptions& options, TraceLog& trace,
+std::optional<RoundTrip> measure(const LoopbackOptions& options, RunLog& log,
                                  LoopbackReport& report) {
-    Session session(options, trace);
+    Session session(options, log);
     session.require(true, true);
     std::optional<RoundTrip> result;
     {
         std::uint16_t bits = options.bits;
-        client::CaptureStream input = session.openInput(session.chooseRate(kUsualRate), bits);
+        client::CaptureStream input = session.openInput(session.chooseRate(kMeasuredRate), bits);
         const bool narrow = options.bits == 0 || options.bits == 16;
         client::RenderStream output = session.system().openRender(
             {.rate = input.format().rate,
@@ -141,7 +141,7 @@ std::optional<RoundTrip> measure(const LoopbackOptions& options, TraceLog& trace
         Playback playback([&](std::span<std::byte> room) { return train.read(room); }, output);
         Recording recording([&](std::span<const std::byte> frames) { finder.take(frames); }, input,
                             UINT64_MAX);
-        Progress progress(train.seconds(), !trace.isOnTerminal());
+        Progress progress(train.seconds(), !log.isOnTerminal());
         run({.playback = &playback, .recording = &recording}, session, progress);
         if (wasInterrupted()) {
             return std::nullopt;
@@ -207,7 +207,7 @@ int loopback(const LoopbackOptions& options) {
     if (!options.plot.empty()) {
         plot.emplace(options.plot);
     }
-    TraceLog trace(options.trace);
+    RunLog log(options);
     LoopbackReport report;
     report.device = options.system.device;
     report.clicksSent = kClicks;
@@ -218,13 +218,14 @@ int loopback(const LoopbackOptions& options) {
         }
         LoopbackOptions one = options;
         one.transfer = size;
-        const auto result = measure(one, trace, report);
+        const auto result = measure(one, log, report);
         if (!result) {
             report.interrupted = true;
             break;
         }
         report.results.push_back(*result);
     }
+    log.finish();
     if (plot && !report.interrupted) {
         writePlot(report, *plot);
         report.plotFile = options.plot;

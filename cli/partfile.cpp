@@ -38,7 +38,9 @@ void checkFiles(const RunFiles& files) {
         }
         met.push_back(path);
     };
-    for (const std::string& path : files.written) {
+    std::vector<std::string> written = files.written;
+    written.push_back(files.log.pcap);
+    for (const std::string& path : written) {
         if (path.empty()) {
             continue;
         }
@@ -52,12 +54,12 @@ void checkFiles(const RunFiles& files) {
         }
         meet(path);
     }
-    if (!files.trace.empty() && files.trace != "-") {
-        meet(files.trace);
+    if (!files.log.trace.empty() && files.log.trace != "-") {
+        meet(files.log.trace);
     }
 }
 
-PartFile::PartFile(std::string path)
+PartFile::PartFile(const std::string& path)
     : m_path(client::linkTarget(path)), m_part(client::makePartFile(m_path)) {
     if (m_part.empty()) {
         fail(std::strerror(errno));

@@ -1,6 +1,8 @@
 // A file that appears whole or not at all: it is written beside its name, and gets it at the end.
 #pragma once
 
+#include "cli/logoptions.h"
+
 #include <string>
 #include <vector>
 
@@ -10,7 +12,7 @@ namespace kelvane::cli {
 struct RunFiles {
     std::vector<std::string> read;
     std::vector<std::string> written;
-    std::string trace; // as TraceLog takes it
+    LogOptions log{};
 };
 // Before any of them is opened: a regular file, or none yet, may be replaced; a file that the run
 // has another use for may not. Throws InputError.
@@ -19,7 +21,7 @@ void checkFiles(const RunFiles& files);
 class PartFile {
 public:
     // Throws InputError when nothing can be written there.
-    explicit PartFile(std::string path);
+    explicit PartFile(const std::string& path);
     ~PartFile(); // without keep() nothing stays
     PartFile(const PartFile&) = delete;
     PartFile& operator=(const PartFile&) = delete;

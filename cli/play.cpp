@@ -14,8 +14,8 @@ int play(const PlayOptions& options) {
     files.read.push_back(options.file);
     checkFiles(files);
     AudioFile file(options.file);
-    TraceLog trace(options.trace);
-    Session session(options, trace);
+    RunLog log(options);
+    Session session(options, log);
     session.require(true, false);
     RunReport report;
     report.command = "play";
@@ -28,13 +28,14 @@ int play(const PlayOptions& options) {
         PlaySource source(file, format);
         Playback playback([&](std::span<std::byte> room) { return source.read(room); }, stream);
         {
-            Progress progress(file.seconds(), !trace.isOnTerminal());
+            Progress progress(file.seconds(), !log.isOnTerminal());
             report.busSeconds = run({.playback = &playback}, session, progress);
         }
         concludePlayback(options, session, file, source, stream, report);
         session.conclude(report);
     }
     session.finish();
+    log.finish();
     return printReport(options, report);
 }
 

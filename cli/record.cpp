@@ -51,8 +51,8 @@ int record(const RecordOptions& options) {
     files.written.push_back(options.file);
     checkFiles(files);
     PartFile part(options.file);
-    TraceLog trace(options.trace);
-    Session session(options, trace);
+    RunLog log(options);
+    Session session(options, log);
     session.require(false, true);
     RunReport report;
     report.command = "record";
@@ -64,12 +64,12 @@ int record(const RecordOptions& options) {
         Recording recording([&](std::span<const std::byte> frames) { file.write(frames); }, stream,
                             wantedFrames(options, stream.format(), file));
         {
-            Progress progress(options.seconds.value_or(0.0), !trace.isOnTerminal());
+            Progress progress(options.seconds.value_or(0.0), !log.isOnTerminal());
             report.busSeconds =
                 run({.recording = &recording, .wallTime = !options.seconds}, session, progress);
         }
         file.finish();
-        concludeRecording(options, part, file, recording, report);
+        concludeRecording(session, part, file, recording, report);
         session.conclude(report);
         if (!options.seconds) {
             report.interrupted = false; // Ctrl-C is how such a recording ends
@@ -79,6 +79,7 @@ int record(const RecordOptions& options) {
         }
     }
     session.finish();
+    log.finish();
     part.keep();
     return printReport(options, report);
 }

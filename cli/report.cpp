@@ -1,5 +1,7 @@
 #include "cli/report.h"
 
+#include "cli/warnings.h"
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -8,8 +10,6 @@
 
 namespace kelvane::cli {
 namespace {
-
-constexpr std::size_t kWarningsShown = 10;
 
 std::string sampleText(const client::PcmFormat& format) {
     return fmt::format("{} channels, {} bit in {} bytes, {} Hz", format.channels, format.bits,
@@ -20,34 +20,15 @@ const char* plural(std::uint64_t count) {
     return count == 1 ? "" : "s";
 }
 
-std::string warningText(const std::vector<std::string>& warnings) {
-    if (warnings.empty()) {
-        return "warnings   none\n";
-    }
-    const auto counted = countLines(warnings);
-    std::string text = fmt::format("warnings   {}\n", warnings.size());
-    for (std::size_t i = 0; i < std::min(counted.size(), kWarningsShown); ++i) {
-        text += fmt::format("  {}{}\n", counted[i].text,
-                            counted[i].count > 1 ? fmt::format(" ({} times)", counted[i].count)
-                                                 : std::string());
-    }
-    if (counted.size() > kWarningsShown) {
-        text += fmt::format("  and {} other kinds; --trace shows them all\n",
-                            counted.size() - kWarningsShown);
-    }
-    return text;
-}
-
 std::string fileText(const AudioInfo& file) {
     return fmt::format("{}: {}, {} channel{}, {} Hz, {:.2f} s\n", file.path, file.format,
                        file.channels, plural(file.channels), file.rate,
                        static_cast<double>(file.frames) / file.rate);
 }
 
-std::string converterText(const PlaybackReport& playback) {
-    const client::DeviceCounters& converter = playback.converter;
+std::string converterText(const client::DeviceCounters& converter, std::uint32_t rate) {
     return fmt::format("converter  {:.2f} Hz measured ({:+.1f} ppm), {} underrun{}, {} overrun{}\n",
-                       converter.measuredRate, deviationPpm(playback), converter.underruns,
+                       converter.measuredRate, deviationPpm(converter, rate), converter.underruns,
                        plural(converter.underruns), converter.overruns, plural(converter.overruns));
 }
 
@@ -55,10 +36,9 @@ std::string recordingText(const RecordingReport& recording) {
     const std::string peak = recording.peak > 0
                                  ? fmt::format("peak {:.1f} dBFS", 20 * std::log10(recording.peak))
                                  : std::string("digital silence");
-    return fmt::format("recorded   {} sample frames ({:.3f} s) of {}, {}{}\n",
-                       recording.framesRecorded,
+    return fmt::format("recorded   {} sample frames ({:.3f} s){}, {}{}\n", recording.framesRecorded,
                        static_cast<double>(recording.framesRecorded) / recording.format.rate,
-                       recording.input, peak,
+                       recording.input.empty() ? "" : " of " + recording.input, peak,
                        recording.discontinuities != 0
                            ? fmt::format(", {} discontinuities", recording.discontinuities)
                            : std::string());
@@ -80,8 +60,27 @@ std::string streamText(const RunReport& report) {
 
 } // namespace
 
-double deviationPpm(const PlaybackReport& playback) {
-    return (playback.converter.measuredRate / playback.format.rate - 1.0) * 1e6;
+std::string warningText(const std::vector<std::string>& warnings) {
+    constexpr std::size_t kWarningsShown = 10;
+    if (warnings.empty()) {
+        return "warnings   none\n";
+    }
+    const auto counted = countLines(warnings);
+    std::string text = fmt::format("warnings   {}\n", warnings.size());
+    for (std::size_t i = 0; i < std::min(counted.size(), kWarningsShown); ++i) {
+        text += fmt::format("  {}{}\n", counted[i].text,
+                            counted[i].count > 1 ? fmt::format(" ({} times)", counted[i].count)
+                                                 : std::string());
+    }
+    if (counted.size() > kWarningsShown) {
+        text += fmt::format("  and {} other kinds; --trace shows them all\n",
+                            counted.size() - kWarningsShown);
+    }
+    return text;
+}
+
+double deviationPpm(const client::DeviceCounters& converter, std::uint32_t rate) {
+    return (converter.measuredRate / rate - 1.0) * 1e6;
 }
 
 std::vector<RepeatedLine> countLines(const std::vector<std::string>& lines) {
@@ -136,8 +135,8 @@ std::string reportText(const RunReport& report, int columns) {
                         report.bus.transfers, report.bus.packets, report.bus.bytes,
                         report.bus.errors, plural(report.bus.errors));
     text += latenessChart(playback ? playback->latency : recording->latency, columns);
-    if (playback) {
-        text += converterText(*playback);
+    if (playback && playback->converter) {
+        text += converterText(*playback->converter, playback->format.rate);
     }
     text += warningText(report.warnings);
     if (playback && !playback->outputFile.empty()) {

@@ -15,8 +15,8 @@ namespace kelvane::cli {
 struct PlaybackReport {
     AudioInfo file;
     client::PcmFormat format;
-    std::uint64_t framesPlayed = 0; // sample frames, at the device's rate
-    client::DeviceCounters converter;
+    std::uint64_t framesPlayed = 0;                  // sample frames, at the device's rate
+    std::optional<client::DeviceCounters> converter; // nothing: a real device doesn't tell
     client::LatencyStatistics latency;
     std::string outputFile; // empty when the converter's output was not kept
 };
@@ -24,7 +24,7 @@ struct PlaybackReport {
 // The input's.
 struct RecordingReport {
     std::string path;
-    std::string input; // what the converter heard
+    std::string input; // what the converter heard; empty: a real device's, whatever it was
     client::PcmFormat format;
     std::uint16_t fileBits = 0;
     std::uint64_t framesRecorded = 0;
@@ -76,8 +76,8 @@ std::string reportText(const LoopbackReport& report);
 std::string reportJson(const RunReport& report);
 std::string reportJson(const LoopbackReport& report);
 
-// The converter's clock against bus time, in parts per million of the nominal rate.
-double deviationPpm(const PlaybackReport& playback);
+// The converter's clock against bus time, in parts per million of the nominal rate, in Hz.
+double deviationPpm(const client::DeviceCounters& converter, std::uint32_t rate);
 
 // One bar per millisecond of lateness, up to the last that has any completion.
 std::string latenessChart(const client::LatencyStatistics& latency, int columns);

@@ -1,5 +1,8 @@
 // The reports as JSON.
+#include "cli/report_json.h"
+
 #include "cli/report.h"
+#include "cli/warnings.h"
 
 #include <nlohmann/json.hpp>
 
@@ -12,14 +15,6 @@ using Json = nlohmann::ordered_json;
 
 Json pathJson(const std::string& path) {
     return path.empty() ? Json(nullptr) : Json(path);
-}
-
-Json warningsJson(const std::vector<std::string>& warnings) {
-    Json list = Json::array();
-    for (const RepeatedLine& line : countLines(warnings)) {
-        list.push_back({{"text", line.text}, {"count", line.count}});
-    }
-    return list;
 }
 
 Json streamJson(const client::PcmFormat& format) {
@@ -35,8 +30,13 @@ Json streamJson(const client::PcmFormat& format, std::uint32_t transferFrames) {
     return stream;
 }
 
-Json latenessJson(const client::LatencyStatistics& latency) {
-    return {{"completions", latency.completions}, {"perMillisecond", latency.buckets}};
+Json converterJson(const client::DeviceCounters& converter, std::uint32_t rate) {
+    return {{"framesReceived", converter.framesReceived},
+            {"framesPlayed", converter.framesPlayed},
+            {"underruns", converter.underruns},
+            {"overruns", converter.overruns},
+            {"measuredRate", converter.measuredRate},
+            {"deviationPpm", deviationPpm(converter, rate)}};
 }
 
 void addPlayback(Json& document, const RunReport& report) {
@@ -49,12 +49,9 @@ void addPlayback(Json& document, const RunReport& report) {
     document["stream"] = streamJson(playback.format, report.transferFrames);
     document["framesPlayed"] = playback.framesPlayed;
     document["lateness"] = latenessJson(playback.latency);
-    document["converter"] = {{"framesReceived", playback.converter.framesReceived},
-                             {"framesPlayed", playback.converter.framesPlayed},
-                             {"underruns", playback.converter.underruns},
-                             {"overruns", playback.converter.overruns},
-                             {"measuredRate", playback.converter.measuredRate},
-                             {"deviationPpm", deviationPpm(playback)}};
+    document["converter"] = playback.converter
+                                ? converterJson(*playback.converter, playback.format.rate)
+                                : Json(nullptr);
     document["outputFile"] = pathJson(playback.outputFile);
 }
 
@@ -62,7 +59,7 @@ void addRecording(Json& document, const RunReport& report) {
     const RecordingReport& recording = *report.recording;
     document["recording"] = {
         {"path", recording.path},
-        {"input", recording.input},
+        {"input", recording.input.empty() ? Json(nullptr) : Json(recording.input)},
         {"stream", streamJson(recording.format, report.transferFrames)},
         {"fileBits", recording.fileBits},
         {"framesRecorded", recording.framesRecorded},
@@ -72,6 +69,18 @@ void addRecording(Json& document, const RunReport& report) {
 }
 
 } // namespace
+
+Json warningsJson(const std::vector<std::string>& warnings) {
+    Json list = Json::array();
+    for (const RepeatedLine& line : countLines(warnings)) {
+        list.push_back({{"text", line.text}, {"count", line.count}});
+    }
+    return list;
+}
+
+nlohmann::ordered_json latenessJson(const client::LatencyStatistics& latency) {
+    return {{"completions", latency.completions}, {"perMillisecond", latency.buckets}};
+}
 
 std::string reportJson(const RunReport& report) {
     Json document = {{"version", 1}, {"command", report.command}, {"device", report.device}};

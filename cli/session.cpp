@@ -13,9 +13,9 @@ using client::InputError;
 
 constexpr std::uint32_t kNoMatch = 0xC0000272; // STATUS_NO_MATCH
 
-client::SystemOptions systemOptions(const StreamOptions& options, TraceLog& trace) {
+client::SystemOptions systemOptions(const StreamOptions& options, RunLog& log) {
     client::SystemOptions system = options.system;
-    system.trace = trace.sink();
+    log.record(system);
     if (options.transfer) {
         checkTransferSize(*options.transfer);
         system.transferFrames = static_cast<std::uint32_t>(*options.transfer);
@@ -40,9 +40,8 @@ void checkTransferSize(std::int64_t frames) {
     }
 }
 
-Session::Session(const StreamOptions& options, TraceLog& trace)
-    : m_options(options), m_trace(trace) {
-    m_system.emplace(systemOptions(options, m_trace));
+Session::Session(const StreamOptions& options, RunLog& log) : m_options(options), m_log(log) {
+    m_system.emplace(systemOptions(options, m_log));
 }
 
 std::uint32_t Session::chooseRate(std::uint32_t wanted) {
@@ -120,14 +119,24 @@ void Session::checkTransfer(std::uint32_t inForce) const {
 }
 
 void Session::reportStall(const char* what) const {
+    if (m_system->isGone()) {
+        throw client::GoneError(device());
+    }
     const auto warnings = countLines(m_system->warnings());
     throw InputError(fmt::format("{}: the driver {} for {} s{}{}", device(), what,
                                  kStallMilliseconds / 1000, warnings.empty() ? "" : ": ",
                                  warnings.empty() ? "" : warnings.front().text));
 }
 
+std::optional<client::DeviceCounters> Session::converter() const {
+    return m_system->isSimulated() ? std::optional(m_system->deviceCounters()) : std::nullopt;
+}
+
 void Session::conclude(RunReport& report) const {
     report.device = device();
+    if (const auto process = m_system->servedBy()) {
+        report.notes.push_back(fmt::format("on the device that process {} serves", *process));
+    }
     report.bus = m_system->busCounters();
     report.warnings = m_system->warnings();
 }
@@ -135,7 +144,6 @@ void Session::conclude(RunReport& report) const {
 void Session::finish() {
     m_system->finishDevice();
     m_system.reset();
-    m_trace.finish();
 }
 
 } // namespace kelvane::cli

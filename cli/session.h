@@ -5,7 +5,7 @@
 #include "cli/commands.h"
 #include "cli/interrupt.h"
 #include "cli/report.h"
-#include "cli/tracelog.h"
+#include "cli/runlog.h"
 #include "client/client.h"
 
 #include <cstdint>
@@ -24,11 +24,11 @@ void checkTransferSize(std::int64_t frames);
 
 class Session {
 public:
-    // Starts the machine. `trace` must live as long. Throws InputError and StatusError.
-    Session(const StreamOptions& options, TraceLog& trace);
+    // Starts the machine. `log` must live as long. Throws InputError and StatusError.
+    Session(const StreamOptions& options, RunLog& log);
 
     client::System& system() { return *m_system; }
-    const std::string& device() const { return m_options.system.device; }
+    const std::string& device() const { return m_system->device(); }
 
     // Whether the interface has what the run needs. Throws InputError.
     void require(bool output, bool input);
@@ -46,16 +46,18 @@ public:
     void checkTransfer(std::uint32_t inForce) const;
     [[noreturn]] void reportStall(const char* what) const;
 
+    // What a simulated interface says of its converter; nothing of a real one.
+    std::optional<client::DeviceCounters> converter() const;
     // What the run was on the bus and in the trace.
     void conclude(RunReport& report) const;
-    // All streams are closed: ends the machine, with the device's output and the trace complete.
+    // All streams are closed: ends the machine, with the device's output complete.
     // Throws InputError when one of these couldn't be written.
     void finish();
 
 private:
     Interrupt m_interrupt; // from the machine's start on: Ctrl-C leaves nothing half-written
     StreamOptions m_options;
-    TraceLog& m_trace;
+    RunLog& m_log;
     std::optional<client::System> m_system; // until finish()
 };
 

@@ -1,8 +1,10 @@
-#include "cli/commands.h"
+#include "cli/show.h"
 
+#include "cli/commands.h"
+#include "cli/midireport.h"
 #include "cli/partfile.h"
+#include "cli/runlog.h"
 #include "cli/terminal.h"
-#include "cli/tracelog.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -17,6 +19,9 @@ std::string ratesText(const client::FormatRange& range) {
 }
 
 std::string formatText(const client::FormatRange& range) {
+    if (range.subformat == "MIDI" || range.subformat == "MIDI_BUS") {
+        return range.subformat; // that is all there is to say
+    }
     if (range.maximumRate == 0) {
         return fmt::format("{} ({})", range.subformat, range.specifier);
     }
@@ -119,34 +124,6 @@ nlohmann::ordered_json interfaceJson(const client::InterfaceInfo& interface) {
             {"endpoints", endpoints}};
 }
 
-// Lines that end in a newline.
-std::string showText(const client::FilterInfo& filter) {
-    std::string text = fmt::format("{}\n{}\n\ncategories\n  {}\n", filter.friendlyName,
-                                   filter.symbolicLink, fmt::join(filter.categories, "\n  "));
-    if (filter.pins.empty()) {
-        text += "\nno pins\n";
-    } else {
-        text += pinsText(filter);
-    }
-    if (!filter.nodes.empty()) {
-        text += "\nnodes\n";
-    }
-    for (const client::NodeInfo& node : filter.nodes) {
-        text += fmt::format("  {:<2} {}\n", node.id, node.type);
-    }
-    if (!filter.connections.empty()) {
-        text += "\nconnections\n";
-    }
-    for (const client::ConnectionInfo& connection : filter.connections) {
-        text += fmt::format("  {} -> {}\n", endText(connection.fromNode, connection.fromPin),
-                            endText(connection.toNode, connection.toPin));
-    }
-    if (!filter.clocks.empty()) {
-        text += clocksText(filter);
-    }
-    return text + interfacesText(filter);
-}
-
 // The shape is documented in docs/command.md; "version" is 1.
 std::string showJson(const client::FilterInfo& filter, const std::string& device) {
     using Json = nlohmann::ordered_json;
@@ -154,6 +131,7 @@ std::string showJson(const client::FilterInfo& filter, const std::string& device
     Json nodes = Json::array();
     Json connections = Json::array();
     Json clocks = Json::array();
+    Json midiPorts = Json::array();
     Json interfaces = Json::array();
     for (const client::PinInfo& pin : filter.pins) {
         pins.push_back(pinJson(pin));
@@ -176,6 +154,9 @@ std::string showJson(const client::FilterInfo& filter, const std::string& device
                           {"rate", clock.rate},
                           {"rates", clock.rates}});
     }
+    for (const client::MidiPort& port : filter.midiPorts) {
+        midiPorts.push_back(midiPortJson(port));
+    }
     for (const client::InterfaceInfo& interface : filter.interfaces) {
         interfaces.push_back(interfaceJson(interface));
     }
@@ -189,6 +170,7 @@ std::string showJson(const client::FilterInfo& filter, const std::string& device
                            {"nodes", nodes},
                            {"connections", connections},
                            {"clocks", clocks},
+                           {"midiPorts", midiPorts},
                            {"interfaces", interfaces}};
     return document.dump(2, ' ', false, Json::error_handler_t::replace);
 }
@@ -214,23 +196,59 @@ std::string showDot(const client::FilterInfo& filter) {
 
 } // namespace
 
+std::string showText(const client::FilterInfo& filter) {
+    std::string text = fmt::format("{}\n{}\n\ncategories\n  {}\n", filter.friendlyName,
+                                   filter.symbolicLink, fmt::join(filter.categories, "\n  "));
+    if (filter.pins.empty()) {
+        text += "\nno pins\n";
+    } else {
+        text += pinsText(filter);
+    }
+    if (!filter.nodes.empty()) {
+        text += "\nnodes\n";
+    }
+    for (const client::NodeInfo& node : filter.nodes) {
+        text += fmt::format("  {:<2} {}\n", node.id, node.type);
+    }
+    if (!filter.connections.empty()) {
+        text += "\nconnections\n";
+    }
+    for (const client::ConnectionInfo& connection : filter.connections) {
+        text += fmt::format("  {} -> {}\n", endText(connection.fromNode, connection.fromPin),
+                            endText(connection.toNode, connection.toPin));
+    }
+    if (!filter.clocks.empty()) {
+        text += clocksText(filter);
+    }
+    if (!filter.midiPorts.empty()) {
+        text += "\nMIDI ports\n";
+    }
+    for (const client::MidiPort& port : filter.midiPorts) {
+        text += fmt::format("  {:<6} {:>2}  {}, pin {}\n", port.input ? "input" : "output",
+                            port.number, port.name, port.pin);
+    }
+    return text + interfacesText(filter);
+}
+
 int show(const ShowOptions& options) {
-    checkFiles({.read = {options.system.device}, .written = {}, .trace = options.trace});
-    TraceLog trace(options.trace);
+    checkFiles({.read = {options.system.device}, .written = {}, .log = options});
+    RunLog log(options);
     client::SystemOptions machine = options.system;
-    machine.trace = trace.sink();
+    log.record(machine);
     client::FilterInfo filter;
+    std::string device;
     {
         client::System system(machine);
+        device = system.device();
         filter = system.describe();
     }
     if (options.json) {
-        fmt::print("{}\n", showJson(filter, options.system.device));
+        fmt::print("{}\n", showJson(filter, device));
     } else {
         fmt::print("{}", options.dot ? showDot(filter) : showText(filter));
     }
     flushStandardOutput();
-    trace.finish();
+    log.finish();
     return 0;
 }
 

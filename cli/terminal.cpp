@@ -39,6 +39,10 @@ void printError(const std::string& text) {
                text);
 }
 
+void printNote(const std::string& text) {
+    fmt::print(stderr, "kelvane: note: {}\n", text);
+}
+
 void flushStandardOutput() {
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         throw client::InputError(

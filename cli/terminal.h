@@ -16,6 +16,9 @@ int terminalWidth(int descriptor);
 // "kelvane: TEXT" on standard error.
 void printError(const std::string& text);
 
+// "kelvane: note: TEXT" there, from any thread.
+void printNote(const std::string& text);
+
 // Standard output is checked once, at the end: a full disk must not look like success.
 // Throws InputError.
 void flushStandardOutput();

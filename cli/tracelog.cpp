@@ -24,10 +24,12 @@ TraceLog::TraceLog(const std::string& destination) : m_destination(destination) 
             throw client::InputError(
                 fmt::format("{}: can't be written: {}", destination, std::strerror(errno)));
         }
+        // Line by line: a trace is there to be followed, and to be read when the run ended badly.
+        std::setvbuf(m_file.get(), nullptr, _IOLBF, BUFSIZ);
     }
 }
 
-std::function<void(const std::string&)> TraceLog::sink() {
+std::function<void(const std::string&)> TraceLog::sink() const {
     if (!m_file) {
         return {};
     }

@@ -15,7 +15,7 @@ public:
     explicit TraceLog(const std::string& destination);
 
     // Takes one line; empty when there is nowhere to write to.
-    std::function<void(const std::string&)> sink();
+    std::function<void(const std::string&)> sink() const;
     bool isOnTerminal() const; // and would tear a progress bar
     // Throws InputError when a line couldn't be written.
     void finish();
