@@ -7,6 +7,7 @@
 #include <map>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kelvane::bench {
@@ -47,5 +48,17 @@ private:
     std::vector<Ratio> m_ratios;
     std::map<std::string, double> m_speeds; // bytes per second
 };
+
+// The main function of a program of such benchmarks.
+inline int runWithRatios(int argc, char** argv, std::vector<RatioReporter::Ratio> ratios) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 2;
+    }
+    RatioReporter reporter(std::move(ratios));
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}
 
 } // namespace kelvane::bench

@@ -61,14 +61,10 @@ BENCHMARK(copy);
 } // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 2;
-    }
-    kelvane::bench::RatioReporter reporter({
-        {"SSE2 beside scalar", "mixSse2", "mixScalar"},
-        {"SSE2 beside memcpy of the same bytes", "mixSse2", "copy"},
-    });
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    return kelvane::bench::runWithRatios(
+        argc, argv,
+        {
+            {"SSE2 beside scalar", "mixSse2", "mixScalar"},
+            {"SSE2 beside memcpy of the same bytes", "mixSse2", "copy"},
+        });
 }
