@@ -1,9 +1,12 @@
 #include "tests/cli/command.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -126,12 +129,40 @@ bool Workplace::waitForPart(std::uintmax_t bytes) const {
     return false;
 }
 
+std::string Workplace::printed() const {
+    return contents(m_streams / "out");
+}
+
 Result Workplace::finish(pid_t process) const {
     int status = 0;
     waitpid(process, &status, 0);
     return {.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
             .out = contents(m_streams / "out"),
             .err = contents(m_streams / "err")};
+}
+
+void expectRefusals(const Workplace& place, int status, const std::vector<Refusal>& refusals) {
+    const auto files = [&place] {
+        std::map<std::string, std::string> found; // what is in each, of plain files
+        for (const std::string& name : place.names()) {
+            found[name] = std::filesystem::is_regular_file(place.path(name))
+                              ? contents(place.path(name))
+                              : std::string();
+        }
+        return found;
+    };
+    const auto before = files();
+    for (const Refusal& refusal : refusals) {
+        SCOPED_TRACE(testing::PrintToString(refusal.words));
+        const Result result = place.run(refusal.words);
+        EXPECT_EQ(result.status, status);
+        EXPECT_EQ(result.out, "");
+        EXPECT_TRUE(matches(result.err, refusal.message)) << result.err;
+        EXPECT_TRUE(matches(result.err, status == 2 ? "--help" : "^kelvane: ")) << result.err;
+        EXPECT_EQ(result.err.find('\x1b'), std::string::npos)
+            << "colour where there is no terminal";
+        EXPECT_EQ(files(), before);
+    }
 }
 
 } // namespace kelvane::test

@@ -22,6 +22,16 @@ bool matches(const std::string& text, const std::string& pattern);
 // Of a file, as bytes.
 std::string contents(const std::filesystem::path& path);
 
+class Workplace;
+
+struct Refusal {
+    std::vector<std::string> words;
+    const char* message; // a regular expression
+};
+// Each run says what is wrong on standard error alone, ends with this status (1: the input, 2: the
+// usage), and leaves the files of the folder as they are.
+void expectRefusals(const Workplace& place, int status, const std::vector<Refusal>& refusals);
+
 // A folder that goes with the object; commands run in it.
 class Workplace {
 public:
@@ -41,6 +51,7 @@ public:
     pid_t start(const std::vector<std::string>& arguments) const;
     pid_t start(const std::vector<std::string>& arguments, const std::string& errorFile) const;
     Result finish(pid_t process) const;
+    std::string printed() const; // to standard output, by what was started last
     // Until a file that is being written has so many bytes; false when none came that far in 30 s.
     bool waitForPart(std::uintmax_t bytes) const;
 

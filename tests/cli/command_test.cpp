@@ -8,7 +8,6 @@
 #include <sndfile.h>
 
 #include <algorithm>
-#include <array>
 #include <climits>
 #include <cmath>
 #include <csignal>
@@ -157,56 +156,43 @@ TEST(Play, RefusesBadInputAndLeavesNothingBehind) {
     writeText(place.path("short.bin"), "\x12\x01");
     writeText(place.path("wrong.bin"), std::string(60, '\x05'));
     std::filesystem::create_symlink("/dev/null", place.path("device.wav"));
-    const Names before = place.names();
-    const auto sizes = [&] {
-        return std::array{std::filesystem::file_size(place.path("good.wav")),
-                          std::filesystem::file_size(place.path("wrong.bin"))};
-    };
-    const auto sizesBefore = sizes();
-    const struct {
-        Names words;
-        const char* message; // a regular expression
-    } table[] = {
-        {{"play", "missing.wav"}, "missing.wav: no such file"},
-        {{"play", "folder"}, "folder: is a directory"},
-        {{"play", "empty.wav"}, "empty.wav: is empty"},
-        {{"play", "text.wav"}, "text.wav: is no audio file.*Format not recognised"},
-        {{"play", "cut.wav"}, "cut.wav: the header is cut off: RIFF announces 436 bytes.*holds 22"},
-        {{"play", "nodata.wav"}, "nodata.wav: the header is cut off"},
-        {{"play", "silent.wav"}, "silent.wav: holds no audio \\(0 sample frames\\)"},
-        {{"play", "norate.wav"}, "norate.wav: the header has a sample rate of 0 Hz"},
-        {{"play", "good.wav", "--device-output", "no/such.wav"}, "no/such.wav: can't be written"},
-        {{"play", "good.wav", "--device-output", "folder"}, "folder: can't be written.*directory"},
-        {{"play", "good.wav", "--device-output", "device.wav"}, "device.wav.*no regular file"},
-        {{"play", "good.wav", "--device-output", "good.wav"}, "good.wav.*this run has another use"},
-        {{"play", "good.wav", "--trace=good.wav"}, "good.wav.*this run has another use"},
-        {{"show", "wrong.bin", "--trace=wrong.bin"}, "wrong.bin.*this run has another use"},
-        {{"play", "good.wav", "--device", "wrong.bin", "--device-output", "./wrong.bin"},
-         "wrong.bin.*this run has another use"},
-        {{"play", "good.wav", "--trace=new.wav", "--device-output", "new.wav"},
-         "new.wav.*this run has another use"},
-        {{"play", "good.wav", "--rate", "0"}, "--rate 0: stereo-out offers 44100"},
-        {{"play", "good.wav", "--trace=no/such.txt"}, "no/such.txt: can't be written"},
-        {{"play", "good.wav", "--device", "nonesuch"}, "nonesuch.*stereo-out"},
-        {{"play", "good.wav", "--device", "short.bin"}, "short.bin.*offset 0"},
-        {{"show", "wrong.bin"}, "wrong.bin.*offset"},
-        {{"play", "good.wav", "--buffer", "0"}, "--buffer 0: a transfer has 1 to 128"},
-        {{"play", "good.wav", "--buffer", "129"}, "--buffer 129: a transfer has 1 to 128"},
-        {{"play", "good.wav", "--buffer", "-3"}, "--buffer -3: a transfer has 1 to 128"},
-        {{"play", "good.wav", "--rate", "50000"}, "--rate 50000: stereo-out offers 44100,.*192000"},
-        {{"play", "good.wav", "--as-vendor", "dead"}, "driver refuses.*STATUS_NOT_SUPPORTED"},
-    };
-    for (const auto& row : table) {
-        SCOPED_TRACE(testing::PrintToString(row.words));
-        const Result result = place.run(row.words);
-        EXPECT_EQ(result.status, 1);
-        EXPECT_EQ(result.out, "");
-        EXPECT_TRUE(matches(result.err, row.message)) << result.err;
-        EXPECT_EQ(result.err.find("kelvane: "), 0U) << result.err;
-        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\x1b'), 0);
-        EXPECT_EQ(place.names(), before);
-        EXPECT_EQ(sizes(), sizesBefore);
-    }
+    expectRefusals(
+        place, 1,
+        {
+            {{"play", "missing.wav"}, "missing.wav: no such file"},
+            {{"play", "folder"}, "folder: is a directory"},
+            {{"play", "empty.wav"}, "empty.wav: is empty"},
+            {{"play", "text.wav"}, "text.wav: is no audio file.*Format not recognised"},
+            {{"play", "cut.wav"},
+             "cut.wav: the header is cut off: RIFF announces 436 bytes.*holds 22"},
+            {{"play", "nodata.wav"}, "nodata.wav: the header is cut off"},
+            {{"play", "silent.wav"}, "silent.wav: holds no audio \\(0 sample frames\\)"},
+            {{"play", "norate.wav"}, "norate.wav: the header has a sample rate of 0 Hz"},
+            {{"play", "good.wav", "--device-output", "no/such.wav"},
+             "no/such.wav: can't be written"},
+            {{"play", "good.wav", "--device-output", "folder"},
+             "folder: can't be written.*directory"},
+            {{"play", "good.wav", "--device-output", "device.wav"}, "device.wav.*no regular file"},
+            {{"play", "good.wav", "--device-output", "good.wav"},
+             "good.wav.*this run has another use"},
+            {{"play", "good.wav", "--trace=good.wav"}, "good.wav.*this run has another use"},
+            {{"show", "wrong.bin", "--trace=wrong.bin"}, "wrong.bin.*this run has another use"},
+            {{"play", "good.wav", "--device", "wrong.bin", "--device-output", "./wrong.bin"},
+             "wrong.bin.*this run has another use"},
+            {{"play", "good.wav", "--trace=new.wav", "--device-output", "new.wav"},
+             "new.wav.*this run has another use"},
+            {{"play", "good.wav", "--rate", "0"}, "--rate 0: stereo-out offers 44100"},
+            {{"play", "good.wav", "--trace=no/such.txt"}, "no/such.txt: can't be written"},
+            {{"play", "good.wav", "--device", "nonesuch"}, "nonesuch.*stereo-out"},
+            {{"play", "good.wav", "--device", "short.bin"}, "short.bin.*offset 0"},
+            {{"show", "wrong.bin"}, "wrong.bin.*offset"},
+            {{"play", "good.wav", "--buffer", "0"}, "--buffer 0: a transfer has 1 to 128"},
+            {{"play", "good.wav", "--buffer", "129"}, "--buffer 129: a transfer has 1 to 128"},
+            {{"play", "good.wav", "--buffer", "-3"}, "--buffer -3: a transfer has 1 to 128"},
+            {{"play", "good.wav", "--rate", "50000"},
+             "--rate 50000: stereo-out offers 44100,.*192000"},
+            {{"play", "good.wav", "--as-vendor", "dead"}, "driver refuses.*STATUS_NOT_SUPPORTED"},
+        });
 }
 
 TEST(Play, TouchesNothingThatIsNotItsOwn) {
@@ -229,10 +215,7 @@ TEST(Play, TouchesNothingThatIsNotItsOwn) {
 TEST(Command, TellsWrongUsageApart) {
     const Workplace place;
     writeRaw(place.path("good.wav"), {});
-    const struct {
-        Names words;
-        const char* message;
-    } table[] = {
+    const std::vector<Refusal> refusals = {
         {{}, "a subcommand is expected: play"},
         {{"sing"}, "sing"},
         {{"play"}, "file is required"},
@@ -240,23 +223,32 @@ TEST(Command, TellsWrongUsageApart) {
         {{"play", "good.wav", "--rate", "fast"}, "--rate"},
         {{"play", "good.wav", "--buffer", "x"}, "--buffer"},
         {{"play", "good.wav", "--ppm", "1e9"}, "--ppm"},
+        {{"play", "good.wav", "--usb", "duplex"}, "BUS-ADDRESS"},
+        {{"midi", "ports", "--midi-only"}, "--midi-only.*--usb"},
+        {{"inspect", "midi", "--midi-only"}, "--midi-only.*--usb"},
+        {{"play", "good.wav", "--usb", "1-4", "--device", "duplex"}, "--device"},
+        {{"play", "good.wav", "--usb", "1-4", "--device-output", "out.wav"}, "--device-output"},
+        {{"midi", "dump", "--usb", "1-4", "--input", "in.txt"}, "--input"},
         {{"play", "good.wav", "--as-vendor", "12345"}, "12345.*hexadecimal"},
         {{"show", "--json", "--dot"}, "excludes"},
+        {{"record"}, "file is required"},
+        {{"record", "out.wav", "--seconds", "long"}, "--seconds"},
+        {{"record", "out.wav", "--bits", "20"}, "--bits"},
+        {{"record", "out.wav", "--ppm", "5..fast"}, "--ppm"},
+        {{"duplex", "in.wav"}, "recording is required"},
+        {{"loopback", "--buffer", "1,x"}, "--buffer"},
+        {{"loopback", "--seconds", "3"}, "--seconds"},
     };
-    for (const auto& row : table) {
-        SCOPED_TRACE(testing::PrintToString(row.words));
-        const Result result = place.run(row.words);
-        EXPECT_EQ(result.status, 2);
-        EXPECT_EQ(result.out, "");
-        EXPECT_TRUE(matches(result.err, row.message)) << result.err;
-        EXPECT_NE(result.err.find("--help"), std::string::npos);
-    }
+    expectRefusals(place, 2, refusals);
 }
 
 TEST(Command, HelpsWithAnExampleForEachSubcommand) {
     const Workplace place;
-    for (const Names& words :
-         {Names{"--help"}, {"play", "--help"}, {"show", "--help"}, {"devices", "--help"}}) {
+    for (const Names& words : {Names{"--help"},
+                               {"play", "--help"},
+                               {"show", "--help"},
+                               {"inspect", "--help"},
+                               {"devices", "--help"}}) {
         SCOPED_TRACE(testing::PrintToString(words));
         const Result result = place.run(words);
         EXPECT_EQ(result.status, 0);
@@ -380,6 +372,70 @@ TEST(Show, TellsWhatTheDriverPublishes) {
     EXPECT_NE(dot.out.find("pin0 -> node0;"), std::string::npos) << dot.out;
     const Result list = place.run({"devices", "--json"});
     EXPECT_EQ(Json::parse(list.out)["models"][0]["name"], "stereo-out");
+    EXPECT_TRUE(Json::parse(list.out)["usb"].is_array()) << "also where there is no USB";
+}
+
+std::string fromHex(const std::string& text) {
+    std::string bytes;
+    for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
+        bytes += static_cast<char>(std::stoi(text.substr(i, 2), nullptr, 16));
+    }
+    return bytes;
+}
+
+TEST(Inspect, TellsOfModelsDumpsAndDamage) {
+    const Workplace place;
+    const Result json = place.run({"inspect", "duplex", "--json"});
+    ASSERT_EQ(json.status, 0) << json.err;
+    const Json told = Json::parse(json.out);
+    EXPECT_EQ(told["version"], 1);
+    EXPECT_EQ(told["verdict"], "accepted");
+    EXPECT_EQ(told["problems"], Json::array());
+    EXPECT_EQ(told["streams"][1]["rates"][5], Json({{"rate", 192000},
+                                                    {"setting", 1},
+                                                    {"offset", told["streams"][1]["offset"]},
+                                                    {"neededBytes", 192},
+                                                    {"packetBytes", 208},
+                                                    {"fits", true}}));
+    // The descriptors follow each other, and their bytes are the dump.
+    std::string dump;
+    for (const Json& descriptor : told["descriptors"]) {
+        EXPECT_EQ(descriptor["offset"], dump.size());
+        EXPECT_EQ(descriptor["fields"]["bLength"], descriptor["length"]);
+        dump += fromHex(descriptor["bytes"]);
+    }
+    const Json& selector = told["descriptors"][7];
+    EXPECT_EQ(selector["name"], "CLOCK_SELECTOR");
+    EXPECT_EQ(selector["interface"], 0);
+    EXPECT_EQ(selector["fields"]["baCSourceID"], Json({0x29, 0x2A}));
+    writeText(place.path("whole.bin"), dump);
+    EXPECT_EQ(Json::parse(place.run({"inspect", "whole.bin", "--json"}).out)["pins"], told["pins"]);
+
+    const struct {
+        std::string bytes;
+        Names options;
+        int status;
+        const char* out;
+        const char* err;
+    } table[] = {
+        {dump, {}, 0, "\naccepted\n", "^$"},
+        {dump, {"--as-vendor", "1234"}, 0, "takes the vendor IDs .* not 1234", "^$"},
+        {dump, {"--as-vendor", "1234", "--check"}, 1, "refused", "^$"},
+        {dump.substr(0, 100), {}, 1, "offset 20 +error +wTotalLength is 235", "offset 20"},
+        {dump.substr(0, 100), {"--json"}, 1, "\"complete\": false", "offset 20"},
+        {"RIFF....WAVEfmt ...", {}, 1, "^$", "expected a device descriptor"},
+        {"", {}, 1, "^$", "is cut: 0 bytes, expected 18"},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.out);
+        writeText(place.path("dump.bin"), row.bytes);
+        Names words = {"inspect", "dump.bin"};
+        words.insert(words.end(), row.options.begin(), row.options.end());
+        const Result result = place.run(words);
+        EXPECT_EQ(result.status, row.status);
+        EXPECT_TRUE(matches(result.out, row.out)) << result.out;
+        EXPECT_TRUE(matches(result.err, row.err)) << result.err;
+    }
 }
 
 } // namespace

@@ -177,72 +177,43 @@ TEST(Streams, RefuseBadInputAndLeaveNothingBehind) {
     writeRaw(place.path("good.wav"), {});
     writeText(place.path("text.wav"), std::string(600, 'x'));
     writeText(place.path("kept.wav"), "old");
-    const Names before = place.names();
-    const struct {
-        Names words;
-        const char* message; // a regular expression
-    } table[] = {
-        {{"record", "folder"}, "folder: can't be written.*directory"},
-        {{"record", "no/such.wav", "--seconds", "1"}, "no/such.wav: can't be written.*No such"},
-        {{"record", "kept.wav", "--seconds", "0"}, "--seconds 0: a length above 0"},
-        {{"record", "kept.wav", "--seconds", "-1"}, "--seconds -1: a length above 0"},
-        {{"record", "kept.wav", "--seconds", "nan"}, "--seconds nan: a length above 0"},
-        {{"record", "kept.wav", "--seconds", "99999"}, "--seconds 99999: a WAV file of.*holds 149"},
-        {{"record", "kept.wav", "--input", "nonesuch"}, "nonesuch"},
-        {{"record", "kept.wav", "--input", "tone:0"}, "a tone of 0 Hz: expected 1 to"},
-        {{"record", "kept.wav", "--input", "text.wav"}, "text.wav"},
-        {{"record", "kept.wav", "--input", "kept.wav"}, "this run has another use for kept.wav"},
-        {{"record", "kept.wav", "--rate", "50000"}, "--rate 50000: duplex offers 44100,"},
-        {{"record", "kept.wav", "--buffer", "200"}, "--buffer 200: a transfer has 1 to 128"},
-        {{"record", "kept.wav", "--device", "stereo-out"}, "stereo-out:.*no input to record from"},
-        {{"record", "kept.wav", "--device", "dfu"}, "dfu:.*no input to record from"},
-        {{"play", "good.wav", "--device", "dfu"}, "dfu:.*no output to play on"},
-        {{"record", "kept.wav", "--device", "input-only", "--buffer", "2"}, "smallest.* 10 ms"},
-        {{"duplex", "missing.wav", "kept.wav"}, "missing.wav: no such file"},
-        {{"duplex", "text.wav", "kept.wav"}, "text.wav: is no audio file"},
-        {{"duplex", "good.wav", "good.wav"}, "good.wav: can't be written.*another use"},
-        {{"duplex", "good.wav", "./new.wav", "--device-output", "new.wav"}, "another use for"},
-        {{"duplex", "good.wav", "kept.wav", "--device", "input-only"}, "input-only:.*no output"},
-        {{"duplex", "good.wav", "kept.wav", "--trace=no/such.txt"}, "no/such.txt: can't be"},
-        {{"loopback", "--buffer", "5,0"}, "--buffer 0: a transfer has 1 to 128"},
-        {{"loopback", "--buffer", "5", "--input", "silence"}, "no click came back.*--input"},
-        {{"loopback", "--buffer", "5", "--input", "tone:100:0"}, "the input hears something else"},
-        {{"loopback", "--plot", "folder"}, "folder: can't be written.*directory"},
-        {{"loopback", "--plot", "no/such.svg"}, "no/such.svg: can't be written.*No such"},
-        {{"loopback", "--device", "stereo-out"}, "no input to record from"},
-    };
-    for (const auto& row : table) {
-        SCOPED_TRACE(testing::PrintToString(row.words));
-        const Result result = place.run(row.words);
-        EXPECT_EQ(result.status, 1);
-        EXPECT_EQ(result.out, "");
-        EXPECT_TRUE(matches(result.err, row.message)) << result.err;
-        EXPECT_EQ(place.names(), before);
-        EXPECT_EQ(contents(place.path("kept.wav")), "old");
-    }
-}
-
-TEST(Streams, TellWrongUsageApart) {
-    const Workplace place;
-    const struct {
-        Names words;
-        const char* message;
-    } table[] = {
-        {{"record"}, "file is required"},
-        {{"record", "out.wav", "--seconds", "long"}, "--seconds"},
-        {{"record", "out.wav", "--bits", "20"}, "--bits"},
-        {{"record", "out.wav", "--ppm", "5..fast"}, "--ppm"},
-        {{"duplex", "in.wav"}, "recording is required"},
-        {{"loopback", "--buffer", "1,x"}, "--buffer"},
-        {{"loopback", "--seconds", "3"}, "--seconds"},
-    };
-    for (const auto& row : table) {
-        SCOPED_TRACE(testing::PrintToString(row.words));
-        const Result result = place.run(row.words);
-        EXPECT_EQ(result.status, 2);
-        EXPECT_TRUE(matches(result.err, row.message)) << result.err;
-        EXPECT_EQ(place.names(), Names{});
-    }
+    expectRefusals(
+        place, 1,
+        {
+            {{"record", "folder"}, "folder: can't be written.*directory"},
+            {{"record", "no/such.wav", "--seconds", "1"}, "no/such.wav: can't be written.*No such"},
+            {{"record", "kept.wav", "--seconds", "0"}, "--seconds 0: a length above 0"},
+            {{"record", "kept.wav", "--seconds", "-1"}, "--seconds -1: a length above 0"},
+            {{"record", "kept.wav", "--seconds", "nan"}, "--seconds nan: a length above 0"},
+            {{"record", "kept.wav", "--seconds", "99999"},
+             "--seconds 99999: a WAV file of.*holds 149"},
+            {{"record", "kept.wav", "--input", "nonesuch"}, "nonesuch"},
+            {{"record", "kept.wav", "--input", "tone:0"}, "a tone of 0 Hz: expected 1 to"},
+            {{"record", "kept.wav", "--input", "text.wav"}, "text.wav"},
+            {{"record", "kept.wav", "--input", "kept.wav"},
+             "this run has another use for kept.wav"},
+            {{"record", "kept.wav", "--rate", "50000"}, "--rate 50000: duplex offers 44100,"},
+            {{"record", "kept.wav", "--buffer", "200"}, "--buffer 200: a transfer has 1 to 128"},
+            {{"record", "kept.wav", "--device", "stereo-out"},
+             "stereo-out:.*no input to record from"},
+            {{"record", "kept.wav", "--device", "dfu"}, "dfu:.*no input to record from"},
+            {{"play", "good.wav", "--device", "dfu"}, "dfu:.*no output to play on"},
+            {{"record", "kept.wav", "--device", "input-only", "--buffer", "2"}, "smallest.* 10 ms"},
+            {{"duplex", "missing.wav", "kept.wav"}, "missing.wav: no such file"},
+            {{"duplex", "text.wav", "kept.wav"}, "text.wav: is no audio file"},
+            {{"duplex", "good.wav", "good.wav"}, "good.wav: can't be written.*another use"},
+            {{"duplex", "good.wav", "./new.wav", "--device-output", "new.wav"}, "another use for"},
+            {{"duplex", "good.wav", "kept.wav", "--device", "input-only"},
+             "input-only:.*no output"},
+            {{"duplex", "good.wav", "kept.wav", "--trace=no/such.txt"}, "no/such.txt: can't be"},
+            {{"loopback", "--buffer", "5,0"}, "--buffer 0: a transfer has 1 to 128"},
+            {{"loopback", "--buffer", "5", "--input", "silence"}, "no click came back.*--input"},
+            {{"loopback", "--buffer", "5", "--input", "tone:100:0"},
+             "the input hears something else"},
+            {{"loopback", "--plot", "folder"}, "folder: can't be written.*directory"},
+            {{"loopback", "--plot", "no/such.svg"}, "no/such.svg: can't be written.*No such"},
+            {{"loopback", "--device", "stereo-out"}, "no input to record from"},
+        });
 }
 
 TEST(Streams, FinishTheirFilesOnCtrlC) {

@@ -8,18 +8,6 @@
 namespace kelvane::tests {
 namespace {
 
-std::shared_ptr<StreamDevice> deviceWith(std::initializer_list<StreamShape> shapes) {
-    std::vector<Bytes> interfaces;
-    for (const StreamShape& shape : shapes) {
-        interfaces.push_back(
-            streamInterface(static_cast<std::uint8_t>(interfaces.size() + 1), shape));
-    }
-    return interfaces.size() == 1
-               ? std::make_shared<StreamDevice>(std::initializer_list<Bytes>{interfaces[0]})
-               : std::make_shared<StreamDevice>(
-                     std::initializer_list<Bytes>{interfaces[0], interfaces[1]});
-}
-
 // The status with which a pin refuses a connection; STATUS_SUCCESS when it takes it.
 NTSTATUS open(const AudioMachine& machine, std::span<const std::byte> connection) {
     try {
@@ -35,7 +23,7 @@ NTSTATUS open(const AudioMachine& machine, const PcmFormat& format, std::uint32_
 }
 
 TEST(AudioPin, TakesTheFormatsThatItsStreamCanConvert) {
-    AudioMachine machine(deviceWith({{.channels = 4}}));
+    AudioMachine machine(deviceWith({.channels = 4}));
     struct Case {
         const char* what;
         PcmFormat format;
@@ -66,7 +54,7 @@ TEST(AudioPin, TakesTheFormatsThatItsStreamCanConvert) {
 }
 
 TEST(AudioPin, RefusesFormatsThatAreCutShort) {
-    AudioMachine machine(deviceWith({{}}));
+    AudioMachine machine(deviceWith());
     client::PinConnection connection = client::makeConnection(0, kPcm16);
     for (const ULONG bytes : {64U, 65U, 80U, 81U}) {
         SCOPED_TRACE(bytes);
@@ -77,7 +65,7 @@ TEST(AudioPin, RefusesFormatsThatAreCutShort) {
 }
 
 TEST(AudioPin, ASecondPinRunsAtTheRateOfTheFirst) {
-    AudioMachine machine(deviceWith({{}, {.endpoint = kInEndpoint}}));
+    AudioMachine machine(deviceWith({}, {.endpoint = kInEndpoint}));
     PcmFormat other = kPcm16;
     other.rate = 96000;
     {
@@ -121,7 +109,7 @@ IntersectionRequest intersection(ULONG channels, ULONG bits, ULONG rate) {
 }
 
 TEST(AudioPin, IntersectsARangeToItsOneFormat) {
-    AudioMachine machine(deviceWith({{}}));
+    AudioMachine machine(deviceWith());
     struct Case {
         IntersectionRequest request;
         NTSTATUS status;
@@ -165,7 +153,7 @@ TEST(AudioPin, IntersectsARangeToItsOneFormat) {
 }
 
 TEST(AudioPin, AsksForOneBitDepthAndRoomForTheFormat) {
-    AudioMachine machine(deviceWith({{}}));
+    AudioMachine machine(deviceWith());
     IntersectionRequest request = intersection(2, 16, 48000);
     std::vector<std::byte> room(sizeof(client::AudioDataFormat));
     std::size_t size = 0;
@@ -196,7 +184,7 @@ TEST(AudioPin, AsksForBuffersOfOneTransfer) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.bytes);
-        AudioMachine machine(deviceWith({{}}), {.urbSize = c.urbSize});
+        AudioMachine machine(deviceWith(), {.urbSize = c.urbSize});
         const AudioPin pin(machine.filter(), 0, c.format);
         KSALLOCATOR_FRAMING framing = {};
         ASSERT_EQ(pin.get(kConnectionSet, KSPROPERTY_CONNECTION_ALLOCATORFRAMING, framing),
@@ -217,7 +205,7 @@ TEST(AudioPin, StampsItsBuffersAndTellsItsPosition) {
     // 24-bit samples are counted as 3 bytes a second, though they travel in 4.
     for (const Case& c : {Case{kPcm16, 100000}, Case{kPcm24, 133333}}) {
         SCOPED_TRACE(c.format.bits);
-        AudioMachine machine(deviceWith({{}}));
+        AudioMachine machine(deviceWith());
         AudioPin pin(machine.filter(), 0, c.format);
         const std::size_t bytes = 480 * c.format.frameBytes();
         pin.setState(KSSTATE_PAUSE);
@@ -278,11 +266,11 @@ TEST(AudioPin, NamesItsChannels) {
         SCOPED_TRACE(testing::Message() << int{c.first} << ", channel " << c.channel);
         Bytes general = asGeneral(2);
         general.back() = c.first;
-        auto device = std::make_shared<StreamDevice>(std::initializer_list<Bytes>{
-            joined({silentSetting(1),
-                    setting(1, 1, 1,
-                            {general, formatTypeI(4, 24),
-                             endpointDescriptor(kOutEndpoint, kAsynchronous, 232, 1)})})});
+        auto device = deviceOf(
+            {joined({silentSetting(1),
+                     setting(1, 1, 1,
+                             {general, formatTypeI(4, 24),
+                              endpointDescriptor(kOutEndpoint, kAsynchronous, 232, 1)})})});
         device->strings[5] = stringDescriptor(u"Left");
         device->strings[6] = stringDescriptor(u"Right");
         device->strings[7] = stringDescriptor(u"Behind the last");
@@ -300,7 +288,7 @@ TEST(AudioPin, NamesItsChannels) {
 }
 
 TEST(AudioPin, RefusesWhatItDoesNotHave) {
-    AudioMachine machine(deviceWith({{}}));
+    AudioMachine machine(deviceWith());
     const AudioPin pin(machine.filter(), 0, kPcm16);
     ULONG value = 0;
     EXPECT_FALSE(NT_SUCCESS(pin.get(kKelvaneSet, 31, value)));
@@ -313,7 +301,7 @@ TEST(AudioPin, RefusesWhatItDoesNotHave) {
 }
 
 TEST(AudioPin, AnIdlePinOnlyWarnsOfItsHunger) {
-    AudioMachine machine(deviceWith({{}}));
+    AudioMachine machine(deviceWith());
     AudioPin pin(machine.filter(), 0, kPcm16);
     pin.run();
     machine.sleep(100);

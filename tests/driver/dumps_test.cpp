@@ -1,7 +1,8 @@
 // The descriptors of real devices through the whole driver, when KELVANE_DUMPS names a folder of
-// them. What is expected of each is derived from its own descriptors, so that any folder will do.
+// them, and what is told of them beforehand. What is expected of each is derived from its own
+// descriptors, so that any folder will do.
 #include "client/client.h"
-#include "client/refusal.h"
+#include "client/inspection.h"
 #include "devices/audio_sink.h"
 #include "devices/models.h"
 
@@ -90,12 +91,63 @@ void expectHears(System& system, const devices::BufferSink& sink, const PcmForma
     EXPECT_EQ(system.deviceCounters().overruns, 0U);
 }
 
+// Which setting the driver selects at each rate, against what was told.
+void expectSettings(System& system, const devices::StreamView& told) {
+    for (const devices::RateChoice& choice : told.rates) {
+        if (told.channels < 2 || told.replaced) {
+            continue;
+        }
+        SCOPED_TRACE(choice.rate);
+        const PcmFormat format{.rate = choice.rate, .channels = 2, .bits = 16, .bytesPerSample = 2};
+        const auto runOnce = [](auto stream) {
+            stream.acquire();
+            stream.pause();
+            stream.run();
+            stream.stop();
+        };
+        told.isInput ? runOnce(system.openCapture(format)) : runOnce(system.openRender(format));
+        for (const InterfaceInfo& interface : system.describe().interfaces) {
+            if (interface.number == told.interfaceNumber) {
+                EXPECT_EQ(interface.chosenSetting, choice.setting);
+            }
+        }
+    }
+}
+
+void expectPins(System& system, const std::vector<devices::PinView>& told) {
+    std::vector<bool> expected; // data flow of the audio pins, into the filter
+    for (const devices::PinView& pin : told) {
+        if (pin.kind == devices::PinView::Kind::Audio ||
+            pin.kind == devices::PinView::Kind::AudioJack) {
+            expected.push_back(pin.intoFilter());
+        }
+    }
+    std::vector<bool> found;
+    for (const PinInfo& pin : system.describe().pins) {
+        if (!pin.formats.empty() && !pin.formats.front().subformat.starts_with("MIDI")) {
+            found.push_back(pin.intoFilter);
+        }
+    }
+    EXPECT_EQ(found, expected);
+}
+
+void expectTold(System& system, const devices::Inspection& told) {
+    EXPECT_EQ(told.verdict, devices::Verdict::Accepted);
+    ASSERT_FALSE(told.clocks.empty());
+    EXPECT_EQ(system.rates(), told.clocks.front().rates);
+    expectPins(system, told.pins);
+    for (const devices::StreamView& stream : told.streams) {
+        expectSettings(system, stream);
+    }
+}
+
 void tryDump(const std::filesystem::path& path) {
     devices::DeviceOptions plain;
     plain.asVendor = kAccepted;
     const auto device = devices::makeDevice(path.string(), plain);
     const devices::Configuration& configuration = device->descriptors().configurations.front();
     const std::uint32_t expected = expectedStatus(configuration);
+    const devices::Inspection told = inspect(path.string(), kAccepted);
 
     auto sink = std::make_shared<devices::BufferSink>();
     SystemOptions options;
@@ -121,9 +173,11 @@ void tryDump(const std::filesystem::path& path) {
                 EXPECT_EQ(error.status(), kNoMatch);
             }
         }
+        expectTold(system, told);
     } catch (const StatusError& error) {
         status = error.status();
-        EXPECT_FALSE(refusalReasons(device->descriptors()).empty()) << "refused without a reason";
+        EXPECT_EQ(told.verdict, devices::Verdict::Refused) << error.what();
+        EXPECT_FALSE(told.reasons.empty()) << "refused without a reason";
     }
     EXPECT_EQ(status, expected);
 }

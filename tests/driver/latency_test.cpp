@@ -11,10 +11,6 @@ namespace {
 
 using Action = usb::UrbVerdict::Action;
 
-std::shared_ptr<StreamDevice> outputDevice(const StreamShape& shape = {}) {
-    return std::make_shared<StreamDevice>(std::initializer_list<Bytes>{streamInterface(1, shape)});
-}
-
 std::string minimum(std::uint32_t frames) {
     return "UsbAudioDevice::PostStart() m_UrbSizeMin = " + std::to_string(frames) + "\n";
 }
@@ -27,7 +23,7 @@ TEST(Latency, TheSmallestOneMeasuredCountsUpToTen) {
     for (const Case& c :
          {Case{0, 1}, Case{1, 1}, Case{8, 2}, Case{16, 3}, Case{72, 10}, Case{96, 10}}) {
         SCOPED_TRACE(c.delay);
-        AudioMachine machine(outputDevice(), {.bus = {.completionDelay = c.delay}});
+        AudioMachine machine(deviceWith(), {.bus = {.completionDelay = c.delay}});
         ASSERT_EQ(machine.started, STATUS_SUCCESS);
         EXPECT_EQ(machine.mentions(minimum(c.frames)), 1U);
     }
@@ -40,7 +36,7 @@ TEST(Latency, AHundredTransfersOfSilenceTwiceOneFrameEach) {
     };
     for (const Case& c : {Case{{}, 48}, Case{{.subslotBytes = 3}, 36}}) {
         SCOPED_TRACE(c.packetBytes);
-        auto device = outputDevice(c.shape);
+        auto device = deviceWith(c.shape);
         AudioMachine machine(device);
         const std::vector<IsochRecord>& transfers = machine.recorder.transfers;
         ASSERT_EQ(transfers.size(), 200U);
@@ -61,7 +57,7 @@ TEST(Latency, AHundredTransfersOfSilenceTwiceOneFrameEach) {
 }
 
 TEST(Latency, AFailedTransferEndsTheRunAndWhatWasMeasuredCounts) {
-    AudioMachine machine(outputDevice(), {},
+    AudioMachine machine(deviceWith(), {},
                          {{.pattern = {.function = URB_FUNCTION_ISOCH_TRANSFER},
                            .first = 105, // the second run's fifth
                            .verdict = {.action = Action::Fail, .status = USBD_STATUS_XACT_ERROR}}});
@@ -80,7 +76,7 @@ TEST(Latency, ARunThatCannotBeSentMeasuresNothing) {
     // A first run that fails has no second one.
     for (const Case& c : {Case{1, 1}, Case{4, 4}}) {
         SCOPED_TRACE(c.first);
-        AudioMachine machine(outputDevice(), {},
+        AudioMachine machine(deviceWith(), {},
                              {{.pattern = {.function = URB_FUNCTION_ISOCH_TRANSFER},
                                .first = c.first,
                                .count = 1000,
@@ -97,7 +93,7 @@ TEST(Latency, ARunThatCannotBeSentMeasuresNothing) {
 }
 
 TEST(Latency, WithoutAnOutputTheMinimumStaysTen) {
-    AudioMachine machine(outputDevice({.endpoint = kInEndpoint}));
+    AudioMachine machine(deviceWith({.endpoint = kInEndpoint}));
     EXPECT_EQ(machine.mentions("m_UrbSizeMin"), 0U);
     EXPECT_TRUE(machine.recorder.transfers.empty());
 }

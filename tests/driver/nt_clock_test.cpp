@@ -8,6 +8,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <semaphore>
@@ -221,6 +222,35 @@ TEST(RealClock, AThreadOfTheHostsIsTakenInByEachMachine) {
         machine.reset();
     }
     host.join();
+}
+
+// A busy computer, by an event that sleeps: nobody sees the machine's time go beyond what is due.
+TEST(RealClock, WaitsForItsEventsWhenItIsPatient) {
+    MachineOptions options{ClockKind::Real, {}, {}, false};
+    options.patience = kMillisecond;
+    Machine machine(options);
+    Scheduler& scheduler = machine.scheduler();
+    std::array<Time, 3> ran{};
+    const Time start = scheduler.now();
+    KEVENT done;
+    KeInitializeEvent(&done, NotificationEvent, FALSE);
+    scheduler.at(start + kMillisecond, [&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(60));
+        ran[0] = scheduler.now() - start;
+        scheduler.at(start + 3 * kMillisecond, [&] { ran[1] = scheduler.now() - start; });
+    });
+    scheduler.at(start + 9 * kMillisecond, [&] {
+        ran[2] = scheduler.now() - start;
+        KeSetEvent(&done, 0, FALSE);
+    });
+    sleep(5); // a thread sees the same time
+    EXPECT_GE(scheduler.now() - start, 5 * kMillisecond);
+    KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
+    constexpr std::array<Time, 3> kDue = {kMillisecond, 3 * kMillisecond, 9 * kMillisecond};
+    for (std::size_t i = 0; i < ran.size(); ++i) {
+        EXPECT_GE(ran[i], kDue[i]) << i;
+        EXPECT_LE(ran[i], kDue[i] + kMillisecond) << i;
+    }
 }
 
 // A service whose making takes its time.

@@ -66,404 +66,226 @@ struct Things {
 
 struct Limit {
     const char* routine;
-    KIRQL level;
     void (*call)(Things& t);
+    KIRQL level;
 };
 
 constexpr Limit kLimits[] = {
-    {"DbgPrint", PASSIVE_LEVEL,
-     [](Things&) {
-         DbgPrint("%S\n", L"text");
-     }},
-    {"ObReferenceObjectByHandle", PASSIVE_LEVEL,
+    {"DbgPrint", [](Things&) { DbgPrint("%S\n", L"text"); }, PASSIVE_LEVEL},
+    {"ObReferenceObjectByHandle",
      [](Things& t) {
          ObReferenceObjectByHandle(nullptr, 0, nullptr, KernelMode, &t.pointer, nullptr);
-     }},
-    {"PsCreateSystemThread", PASSIVE_LEVEL,
+     },
+     PASSIVE_LEVEL},
+    {"PsCreateSystemThread",
      [](Things& t) {
          PsCreateSystemThread(&t.handle, 0, nullptr, nullptr, nullptr, startNothing, nullptr);
-     }},
-    {"KeFlushQueuedDpcs", PASSIVE_LEVEL,
-     [](Things&) {
-         KeFlushQueuedDpcs();
-     }},
-    {"RtlCompareUnicodeString", PASSIVE_LEVEL,
-     [](Things& t) {
-         RtlCompareUnicodeString(&t.name, &t.name, TRUE);
-     }},
-    {"RtlUpcaseUnicodeChar", PASSIVE_LEVEL,
-     [](Things&) {
-         RtlUpcaseUnicodeChar(L'a');
-     }},
-    {"RtlFreeUnicodeString", PASSIVE_LEVEL,
-     [](Things& t) {
-         RtlFreeUnicodeString(&t.made);
-     }},
-    {"RtlStringFromGUID", PASSIVE_LEVEL,
-     [](Things& t) {
-         RtlStringFromGUID(t.guid, &t.made);
-     }},
-    {"RtlGUIDFromString", PASSIVE_LEVEL,
-     [](Things& t) {
-         RtlGUIDFromString(&t.name, &t.guid);
-     }},
-    {"RtlAnsiStringToUnicodeString", PASSIVE_LEVEL,
-     [](Things& t) {
-         RtlAnsiStringToUnicodeString(&t.made, &t.ansi, TRUE);
-     }},
-    {"RtlIntegerToUnicodeString", PASSIVE_LEVEL,
-     [](Things& t) {
-         RtlIntegerToUnicodeString(7, 10, &t.made);
-     }},
-    {"IoBuildDeviceIoControlRequest", PASSIVE_LEVEL,
+     },
+     PASSIVE_LEVEL},
+    {"KeFlushQueuedDpcs", [](Things&) { KeFlushQueuedDpcs(); }, PASSIVE_LEVEL},
+    {"RtlCompareUnicodeString", [](Things& t) { RtlCompareUnicodeString(&t.name, &t.name, TRUE); },
+     PASSIVE_LEVEL},
+    {"RtlUpcaseUnicodeChar", [](Things&) { RtlUpcaseUnicodeChar(L'a'); }, PASSIVE_LEVEL},
+    {"RtlFreeUnicodeString", [](Things& t) { RtlFreeUnicodeString(&t.made); }, PASSIVE_LEVEL},
+    {"RtlStringFromGUID", [](Things& t) { RtlStringFromGUID(t.guid, &t.made); }, PASSIVE_LEVEL},
+    {"RtlGUIDFromString", [](Things& t) { RtlGUIDFromString(&t.name, &t.guid); }, PASSIVE_LEVEL},
+    {"RtlAnsiStringToUnicodeString",
+     [](Things& t) { RtlAnsiStringToUnicodeString(&t.made, &t.ansi, TRUE); }, PASSIVE_LEVEL},
+    {"RtlIntegerToUnicodeString", [](Things& t) { RtlIntegerToUnicodeString(7, 10, &t.made); },
+     PASSIVE_LEVEL},
+    {"IoBuildDeviceIoControlRequest",
      [](Things& t) {
          IoBuildDeviceIoControlRequest(0x220003, t.object, nullptr, 0, nullptr, 0, TRUE, &t.event,
                                        &t.result);
-     }},
-    {"IoBuildSynchronousFsdRequest", PASSIVE_LEVEL,
+     },
+     PASSIVE_LEVEL},
+    {"IoBuildSynchronousFsdRequest",
      [](Things& t) {
          IoBuildSynchronousFsdRequest(IRP_MJ_PNP, t.object, nullptr, 0, nullptr, &t.event,
                                       &t.result);
-     }},
-    {"IoCreateSymbolicLink", PASSIVE_LEVEL,
-     [](Things& t) {
-         IoCreateSymbolicLink(&t.name, &t.name);
-     }},
-    {"IoDeleteSymbolicLink", PASSIVE_LEVEL,
-     [](Things& t) {
-         IoDeleteSymbolicLink(&t.name);
-     }},
-    {"IoRegisterDeviceInterface", PASSIVE_LEVEL,
-     [](Things& t) {
-         IoRegisterDeviceInterface(nullptr, &t.guid, nullptr, &t.made);
-     }},
-    {"IoSetDeviceInterfaceState", PASSIVE_LEVEL,
-     [](Things& t) {
-         IoSetDeviceInterfaceState(&t.name, TRUE);
-     }},
-    {"IoGetDeviceInterfaces", PASSIVE_LEVEL,
-     [](Things& t) {
-         IoGetDeviceInterfaces(&t.guid, nullptr, 0, &t.list);
-     }},
-    {"IoOpenDeviceInterfaceRegistryKey", PASSIVE_LEVEL,
-     [](Things& t) {
-         IoOpenDeviceInterfaceRegistryKey(&t.name, KEY_READ, &t.handle);
-     }},
-    {"IoOpenDeviceRegistryKey", PASSIVE_LEVEL,
-     [](Things& t) {
-         IoOpenDeviceRegistryKey(nullptr, 1, KEY_READ, &t.handle);
-     }},
-    {"IoGetDeviceProperty", PASSIVE_LEVEL,
+     },
+     PASSIVE_LEVEL},
+    {"IoCreateSymbolicLink", [](Things& t) { IoCreateSymbolicLink(&t.name, &t.name); },
+     PASSIVE_LEVEL},
+    {"IoDeleteSymbolicLink", [](Things& t) { IoDeleteSymbolicLink(&t.name); }, PASSIVE_LEVEL},
+    {"IoRegisterDeviceInterface",
+     [](Things& t) { IoRegisterDeviceInterface(nullptr, &t.guid, nullptr, &t.made); },
+     PASSIVE_LEVEL},
+    {"IoSetDeviceInterfaceState", [](Things& t) { IoSetDeviceInterfaceState(&t.name, TRUE); },
+     PASSIVE_LEVEL},
+    {"IoGetDeviceInterfaces",
+     [](Things& t) { IoGetDeviceInterfaces(&t.guid, nullptr, 0, &t.list); }, PASSIVE_LEVEL},
+    {"IoOpenDeviceInterfaceRegistryKey",
+     [](Things& t) { IoOpenDeviceInterfaceRegistryKey(&t.name, KEY_READ, &t.handle); },
+     PASSIVE_LEVEL},
+    {"IoOpenDeviceRegistryKey",
+     [](Things& t) { IoOpenDeviceRegistryKey(nullptr, 1, KEY_READ, &t.handle); }, PASSIVE_LEVEL},
+    {"IoGetDeviceProperty",
      [](Things& t) {
          IoGetDeviceProperty(nullptr, DevicePropertyDriverKeyName, 0, nullptr, &t.length);
-     }},
-    {"ZwCreateEvent", PASSIVE_LEVEL,
-     [](Things& t) {
-         ZwCreateEvent(&t.handle, 0, nullptr, NotificationEvent, FALSE);
-     }},
-    {"ZwSetEvent", PASSIVE_LEVEL,
-     [](Things&) {
-         ZwSetEvent(nullptr, nullptr);
-     }},
-    {"ZwClearEvent", PASSIVE_LEVEL,
-     [](Things&) {
-         ZwClearEvent(nullptr);
-     }},
-    {"ZwWaitForSingleObject", PASSIVE_LEVEL,
-     [](Things&) {
-         ZwWaitForSingleObject(nullptr, FALSE, nullptr);
-     }},
-    {"ZwClose", PASSIVE_LEVEL,
-     [](Things&) {
-         ZwClose(nullptr);
-     }},
-    {"ZwCreateFile", PASSIVE_LEVEL,
-     [](Things& t) {
-         ZwOpenFile(&t.handle, GENERIC_READ, &t.attributes, &t.result, 0, 0);
-     }},
-    {"ZwDeviceIoControlFile", PASSIVE_LEVEL,
+     },
+     PASSIVE_LEVEL},
+    {"ZwCreateEvent",
+     [](Things& t) { ZwCreateEvent(&t.handle, 0, nullptr, NotificationEvent, FALSE); },
+     PASSIVE_LEVEL},
+    {"ZwSetEvent", [](Things&) { ZwSetEvent(nullptr, nullptr); }, PASSIVE_LEVEL},
+    {"ZwClearEvent", [](Things&) { ZwClearEvent(nullptr); }, PASSIVE_LEVEL},
+    {"ZwWaitForSingleObject", [](Things&) { ZwWaitForSingleObject(nullptr, FALSE, nullptr); },
+     PASSIVE_LEVEL},
+    {"ZwClose", [](Things&) { ZwClose(nullptr); }, PASSIVE_LEVEL},
+    {"ZwCreateFile",
+     [](Things& t) { ZwOpenFile(&t.handle, GENERIC_READ, &t.attributes, &t.result, 0, 0); },
+     PASSIVE_LEVEL},
+    {"ZwDeviceIoControlFile",
      [](Things& t) {
          ZwDeviceIoControlFile(nullptr, nullptr, nullptr, nullptr, &t.result, 0, nullptr, 0,
                                nullptr, 0);
-     }},
-    {"ZwCancelIoFile", PASSIVE_LEVEL,
-     [](Things& t) {
-         ZwCancelIoFile(nullptr, &t.result);
-     }},
-    {"ZwOpenKey", PASSIVE_LEVEL,
-     [](Things& t) {
-         ZwOpenKey(&t.handle, KEY_READ, &t.attributes);
-     }},
-    {"ZwCreateKey", PASSIVE_LEVEL,
-     [](Things& t) {
-         ZwCreateKey(&t.handle, KEY_READ, &t.attributes, 0, nullptr, 0, nullptr);
-     }},
-    {"ZwQueryValueKey", PASSIVE_LEVEL,
+     },
+     PASSIVE_LEVEL},
+    {"ZwCancelIoFile", [](Things& t) { ZwCancelIoFile(nullptr, &t.result); }, PASSIVE_LEVEL},
+    {"ZwOpenKey", [](Things& t) { ZwOpenKey(&t.handle, KEY_READ, &t.attributes); }, PASSIVE_LEVEL},
+    {"ZwCreateKey",
+     [](Things& t) { ZwCreateKey(&t.handle, KEY_READ, &t.attributes, 0, nullptr, 0, nullptr); },
+     PASSIVE_LEVEL},
+    {"ZwQueryValueKey",
      [](Things& t) {
          ZwQueryValueKey(nullptr, &t.name, KeyValueBasicInformation, nullptr, 0, &t.length);
-     }},
-    {"ZwEnumerateValueKey", PASSIVE_LEVEL,
+     },
+     PASSIVE_LEVEL},
+    {"ZwEnumerateValueKey",
      [](Things& t) {
          ZwEnumerateValueKey(nullptr, 0, KeyValueBasicInformation, nullptr, 0, &t.length);
-     }},
-    {"ZwEnumerateKey", PASSIVE_LEVEL,
-     [](Things& t) {
-         ZwEnumerateKey(nullptr, 0, KeyBasicInformation, nullptr, 0, &t.length);
-     }},
-    {"ZwQueryKey", PASSIVE_LEVEL,
-     [](Things& t) {
-         ZwQueryKey(nullptr, KeyBasicInformation, nullptr, 0, &t.length);
-     }},
-    {"ZwSetValueKey", PASSIVE_LEVEL,
-     [](Things& t) {
-         ZwSetValueKey(nullptr, &t.name, 0, REG_BINARY, t.bytes, 1);
-     }},
-    {"ZwDeleteValueKey", PASSIVE_LEVEL,
-     [](Things& t) {
-         ZwDeleteValueKey(nullptr, &t.name);
-     }},
-    {"ZwDeleteKey", PASSIVE_LEVEL,
-     [](Things&) {
-         ZwDeleteKey(nullptr);
-     }},
-    {"ZwFlushKey", PASSIVE_LEVEL,
-     [](Things&) {
-         ZwFlushKey(nullptr);
-     }},
+     },
+     PASSIVE_LEVEL},
+    {"ZwEnumerateKey",
+     [](Things& t) { ZwEnumerateKey(nullptr, 0, KeyBasicInformation, nullptr, 0, &t.length); },
+     PASSIVE_LEVEL},
+    {"ZwQueryKey",
+     [](Things& t) { ZwQueryKey(nullptr, KeyBasicInformation, nullptr, 0, &t.length); },
+     PASSIVE_LEVEL},
+    {"ZwSetValueKey", [](Things& t) { ZwSetValueKey(nullptr, &t.name, 0, REG_BINARY, t.bytes, 1); },
+     PASSIVE_LEVEL},
+    {"ZwDeleteValueKey", [](Things& t) { ZwDeleteValueKey(nullptr, &t.name); }, PASSIVE_LEVEL},
+    {"ZwDeleteKey", [](Things&) { ZwDeleteKey(nullptr); }, PASSIVE_LEVEL},
+    {"ZwFlushKey", [](Things&) { ZwFlushKey(nullptr); }, PASSIVE_LEVEL},
 
-    {"KeDelayExecutionThread", APC_LEVEL,
-     [](Things& t) {
-         KeDelayExecutionThread(KernelMode, FALSE, &t.soon);
-     }},
-    {"KeEnterCriticalRegion", APC_LEVEL,
-     [](Things&) {
-         KeEnterCriticalRegion();
-     }},
-    {"KeLeaveCriticalRegion", APC_LEVEL,
-     [](Things&) {
-         KeLeaveCriticalRegion();
-     }},
-    {"ExAcquireFastMutex", APC_LEVEL,
-     [](Things& t) {
-         ExAcquireFastMutex(&t.fastMutex);
-     }},
-    {"ExTryToAcquireFastMutex", APC_LEVEL,
-     [](Things& t) {
-         ExTryToAcquireFastMutex(&t.fastMutex);
-     }},
-    {"ExReleaseFastMutex", APC_LEVEL,
-     [](Things& t) {
-         ExReleaseFastMutex(&t.fastMutex);
-     }},
-    {"ExAcquireFastMutexUnsafe", APC_LEVEL,
-     [](Things& t) {
-         ExAcquireFastMutexUnsafe(&t.fastMutex);
-     }},
-    {"ExReleaseFastMutexUnsafe", APC_LEVEL,
-     [](Things& t) {
-         ExReleaseFastMutexUnsafe(&t.fastMutex);
-     }},
-    {"ExInitializePagedLookasideList", APC_LEVEL,
+    {"KeDelayExecutionThread",
+     [](Things& t) { KeDelayExecutionThread(KernelMode, FALSE, &t.soon); }, APC_LEVEL},
+    {"KeEnterCriticalRegion", [](Things&) { KeEnterCriticalRegion(); }, APC_LEVEL},
+    {"KeLeaveCriticalRegion", [](Things&) { KeLeaveCriticalRegion(); }, APC_LEVEL},
+    {"ExAcquireFastMutex", [](Things& t) { ExAcquireFastMutex(&t.fastMutex); }, APC_LEVEL},
+    {"ExTryToAcquireFastMutex", [](Things& t) { ExTryToAcquireFastMutex(&t.fastMutex); },
+     APC_LEVEL},
+    {"ExReleaseFastMutex", [](Things& t) { ExReleaseFastMutex(&t.fastMutex); }, APC_LEVEL},
+    {"ExAcquireFastMutexUnsafe", [](Things& t) { ExAcquireFastMutexUnsafe(&t.fastMutex); },
+     APC_LEVEL},
+    {"ExReleaseFastMutexUnsafe", [](Things& t) { ExReleaseFastMutexUnsafe(&t.fastMutex); },
+     APC_LEVEL},
+    {"ExInitializePagedLookasideList",
      [](Things& t) {
          ExInitializePagedLookasideList(&t.freshPaged, nullptr, nullptr, 0, 16, kTestTag, 0);
-     }},
-    {"ExDeletePagedLookasideList", APC_LEVEL,
-     [](Things& t) {
-         ExDeletePagedLookasideList(&t.paged);
-     }},
-    {"IoCreateDevice", APC_LEVEL,
+     },
+     APC_LEVEL},
+    {"ExDeletePagedLookasideList", [](Things& t) { ExDeletePagedLookasideList(&t.paged); },
+     APC_LEVEL},
+    {"IoCreateDevice",
      [](Things& t) {
          DEVICE_OBJECT* device;
          IoCreateDevice(t.device.driver(), 0, nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &device);
-     }},
-    {"IoDeleteDevice", APC_LEVEL,
-     [](Things& t) {
-         IoDeleteDevice(t.object);
-     }},
-    {"IoAllocateDriverObjectExtension", APC_LEVEL,
-     [](Things& t) {
-         IoAllocateDriverObjectExtension(t.device.driver(), &t, 16, &t.pointer);
-     }},
+     },
+     APC_LEVEL},
+    {"IoDeleteDevice", [](Things& t) { IoDeleteDevice(t.object); }, APC_LEVEL},
+    {"IoAllocateDriverObjectExtension",
+     [](Things& t) { IoAllocateDriverObjectExtension(t.device.driver(), &t, 16, &t.pointer); },
+     APC_LEVEL},
 
-    {"IoGetDriverObjectExtension", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoGetDriverObjectExtension(t.device.driver(), &t);
-     }},
-    {"IoAttachDeviceToDeviceStack", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoAttachDeviceToDeviceStack(nullptr, t.object);
-     }},
-    {"IoDetachDevice", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoDetachDevice(t.object);
-     }},
-    {"IoGetAttachedDeviceReference", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoGetAttachedDeviceReference(t.object);
-     }},
-    {"IoGetRelatedDeviceObject", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoGetRelatedDeviceObject(&t.file);
-     }},
-    {"IoBuildAsynchronousFsdRequest", DISPATCH_LEVEL,
+    {"IoGetDriverObjectExtension",
+     [](Things& t) { IoGetDriverObjectExtension(t.device.driver(), &t); }, DISPATCH_LEVEL},
+    {"IoAttachDeviceToDeviceStack",
+     [](Things& t) { IoAttachDeviceToDeviceStack(nullptr, t.object); }, DISPATCH_LEVEL},
+    {"IoDetachDevice", [](Things& t) { IoDetachDevice(t.object); }, DISPATCH_LEVEL},
+    {"IoGetAttachedDeviceReference", [](Things& t) { IoGetAttachedDeviceReference(t.object); },
+     DISPATCH_LEVEL},
+    {"IoGetRelatedDeviceObject", [](Things& t) { IoGetRelatedDeviceObject(&t.file); },
+     DISPATCH_LEVEL},
+    {"IoBuildAsynchronousFsdRequest",
      [](Things& t) {
          IoBuildAsynchronousFsdRequest(IRP_MJ_PNP, t.object, nullptr, 0, nullptr, &t.result);
-     }},
-    {"IoCallDriver", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoCallDriver(nullptr, t.irp);
-     }},
-    {"IoCompleteRequest", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoCompleteRequest(t.irp, IO_NO_INCREMENT);
-     }},
-    {"IoCancelIrp", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoCancelIrp(t.irp);
-     }},
-    {"IoAllocateIrp", DISPATCH_LEVEL,
-     [](Things&) {
-         IoAllocateIrp(1, FALSE);
-     }},
-    {"IoInitializeIrp", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoInitializeIrp(t.irp, IoSizeOfIrp(1), 1);
-     }},
-    {"IoReuseIrp", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoReuseIrp(t.irp, STATUS_SUCCESS);
-     }},
-    {"IoFreeIrp", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoFreeIrp(t.irp);
-     }},
-    {"ExQueueWorkItem", DISPATCH_LEVEL,
-     [](Things& t) {
-         ExQueueWorkItem(&t.work, DelayedWorkQueue);
-     }},
-    {"IoAllocateWorkItem", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoAllocateWorkItem(t.object);
-     }},
-    {"IoQueueWorkItem", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoQueueWorkItem(t.item, workNothing, DelayedWorkQueue, nullptr);
-     }},
-    {"IoFreeWorkItem", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoFreeWorkItem(t.item);
-     }},
-    {"KeSetEvent", DISPATCH_LEVEL,
-     [](Things& t) {
-         KeSetEvent(&t.event, 0, FALSE);
-     }},
-    {"KeResetEvent", DISPATCH_LEVEL,
-     [](Things& t) {
-         KeResetEvent(&t.event);
-     }},
-    {"KeClearEvent", DISPATCH_LEVEL,
-     [](Things& t) {
-         KeClearEvent(&t.event);
-     }},
-    {"KePulseEvent", DISPATCH_LEVEL,
-     [](Things& t) {
-         KePulseEvent(&t.event, 0, FALSE);
-     }},
-    {"KeReadStateEvent", DISPATCH_LEVEL,
-     [](Things& t) {
-         KeReadStateEvent(&t.event);
-     }},
-    {"KeReleaseMutex", DISPATCH_LEVEL,
-     [](Things& t) {
-         KeReleaseMutex(&t.mutex, FALSE);
-     }},
-    {"KeReleaseSemaphore", DISPATCH_LEVEL,
-     [](Things& t) {
-         KeReleaseSemaphore(&t.semaphore, 0, 1, FALSE);
-     }},
-    {"KeWaitForSingleObject", DISPATCH_LEVEL,
-     [](Things& t) {
-         KeWaitForSingleObject(&t.event, Executive, KernelMode, FALSE, &t.now);
-     }},
-    {"KeAcquireSpinLockRaiseToDpc", DISPATCH_LEVEL,
+     },
+     DISPATCH_LEVEL},
+    {"IoCallDriver", [](Things& t) { IoCallDriver(nullptr, t.irp); }, DISPATCH_LEVEL},
+    {"IoCompleteRequest", [](Things& t) { IoCompleteRequest(t.irp, IO_NO_INCREMENT); },
+     DISPATCH_LEVEL},
+    {"IoCancelIrp", [](Things& t) { IoCancelIrp(t.irp); }, DISPATCH_LEVEL},
+    {"IoAllocateIrp", [](Things&) { IoAllocateIrp(1, FALSE); }, DISPATCH_LEVEL},
+    {"IoInitializeIrp", [](Things& t) { IoInitializeIrp(t.irp, IoSizeOfIrp(1), 1); },
+     DISPATCH_LEVEL},
+    {"IoReuseIrp", [](Things& t) { IoReuseIrp(t.irp, STATUS_SUCCESS); }, DISPATCH_LEVEL},
+    {"IoFreeIrp", [](Things& t) { IoFreeIrp(t.irp); }, DISPATCH_LEVEL},
+    {"ExQueueWorkItem", [](Things& t) { ExQueueWorkItem(&t.work, DelayedWorkQueue); },
+     DISPATCH_LEVEL},
+    {"IoAllocateWorkItem", [](Things& t) { IoAllocateWorkItem(t.object); }, DISPATCH_LEVEL},
+    {"IoQueueWorkItem",
+     [](Things& t) { IoQueueWorkItem(t.item, workNothing, DelayedWorkQueue, nullptr); },
+     DISPATCH_LEVEL},
+    {"IoFreeWorkItem", [](Things& t) { IoFreeWorkItem(t.item); }, DISPATCH_LEVEL},
+    {"KeSetEvent", [](Things& t) { KeSetEvent(&t.event, 0, FALSE); }, DISPATCH_LEVEL},
+    {"KeResetEvent", [](Things& t) { KeResetEvent(&t.event); }, DISPATCH_LEVEL},
+    {"KeClearEvent", [](Things& t) { KeClearEvent(&t.event); }, DISPATCH_LEVEL},
+    {"KePulseEvent", [](Things& t) { KePulseEvent(&t.event, 0, FALSE); }, DISPATCH_LEVEL},
+    {"KeReadStateEvent", [](Things& t) { KeReadStateEvent(&t.event); }, DISPATCH_LEVEL},
+    {"KeReleaseMutex", [](Things& t) { KeReleaseMutex(&t.mutex, FALSE); }, DISPATCH_LEVEL},
+    {"KeReleaseSemaphore", [](Things& t) { KeReleaseSemaphore(&t.semaphore, 0, 1, FALSE); },
+     DISPATCH_LEVEL},
+    {"KeWaitForSingleObject",
+     [](Things& t) { KeWaitForSingleObject(&t.event, Executive, KernelMode, FALSE, &t.now); },
+     DISPATCH_LEVEL},
+    {"KeAcquireSpinLockRaiseToDpc",
      [](Things& t) {
          KeAcquireSpinLockRaiseToDpc(&t.lock);
          KeReleaseSpinLockFromDpcLevel(&t.lock);
-     }},
-    {"KeSetTimerEx", DISPATCH_LEVEL,
-     [](Things& t) {
-         KeSetTimerEx(&t.timer, t.now, 0, nullptr);
-     }},
-    {"KeCancelTimer", DISPATCH_LEVEL,
-     [](Things& t) {
-         KeCancelTimer(&t.timer);
-     }},
-    {"KeReadStateTimer", DISPATCH_LEVEL,
-     [](Things& t) {
-         KeReadStateTimer(&t.timer);
-     }},
-    {"ExAllocatePoolWithTag", DISPATCH_LEVEL,
-     [](Things&) {
-         ExAllocatePoolWithTag(NonPagedPool, 1, kTestTag);
-     }},
-    {"ExFreePool", DISPATCH_LEVEL,
-     [](Things& t) {
-         ExFreePool(t.block);
-     }},
-    {"ExInitializeNPagedLookasideList", DISPATCH_LEVEL,
+     },
+     DISPATCH_LEVEL},
+    {"KeSetTimerEx", [](Things& t) { KeSetTimerEx(&t.timer, t.now, 0, nullptr); }, DISPATCH_LEVEL},
+    {"KeCancelTimer", [](Things& t) { KeCancelTimer(&t.timer); }, DISPATCH_LEVEL},
+    {"KeReadStateTimer", [](Things& t) { KeReadStateTimer(&t.timer); }, DISPATCH_LEVEL},
+    {"ExAllocatePoolWithTag", [](Things&) { ExAllocatePoolWithTag(NonPagedPool, 1, kTestTag); },
+     DISPATCH_LEVEL},
+    {"ExFreePool", [](Things& t) { ExFreePool(t.block); }, DISPATCH_LEVEL},
+    {"ExInitializeNPagedLookasideList",
      [](Things& t) {
          ExInitializeNPagedLookasideList(&t.freshLookaside, nullptr, nullptr, 0, 16, kTestTag, 0);
-     }},
-    {"ExDeleteNPagedLookasideList", DISPATCH_LEVEL,
-     [](Things& t) {
-         ExDeleteNPagedLookasideList(&t.lookaside);
-     }},
-    {"IoAllocateMdl", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoAllocateMdl(t.bytes, 1, FALSE, FALSE, nullptr);
-     }},
-    {"IoFreeMdl", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoFreeMdl(t.mdl);
-     }},
-    {"MmBuildMdlForNonPagedPool", DISPATCH_LEVEL,
-     [](Things& t) {
-         MmBuildMdlForNonPagedPool(t.mdl);
-     }},
-    {"MmProbeAndLockPages", DISPATCH_LEVEL,
-     [](Things& t) {
-         MmProbeAndLockPages(t.mdl, KernelMode, IoReadAccess);
-     }},
-    {"MmUnlockPages", DISPATCH_LEVEL,
-     [](Things& t) {
-         MmUnlockPages(t.mdl);
-     }},
-    {"MmMapLockedPagesSpecifyCache", DISPATCH_LEVEL,
+     },
+     DISPATCH_LEVEL},
+    {"ExDeleteNPagedLookasideList", [](Things& t) { ExDeleteNPagedLookasideList(&t.lookaside); },
+     DISPATCH_LEVEL},
+    {"IoAllocateMdl", [](Things& t) { IoAllocateMdl(t.bytes, 1, FALSE, FALSE, nullptr); },
+     DISPATCH_LEVEL},
+    {"IoFreeMdl", [](Things& t) { IoFreeMdl(t.mdl); }, DISPATCH_LEVEL},
+    {"MmBuildMdlForNonPagedPool", [](Things& t) { MmBuildMdlForNonPagedPool(t.mdl); },
+     DISPATCH_LEVEL},
+    {"MmProbeAndLockPages", [](Things& t) { MmProbeAndLockPages(t.mdl, KernelMode, IoReadAccess); },
+     DISPATCH_LEVEL},
+    {"MmUnlockPages", [](Things& t) { MmUnlockPages(t.mdl); }, DISPATCH_LEVEL},
+    {"MmMapLockedPagesSpecifyCache",
      [](Things& t) {
          MmMapLockedPagesSpecifyCache(t.mdl, KernelMode, MmCached, nullptr, FALSE,
                                       NormalPagePriority);
-     }},
-    {"MmUnmapLockedPages", DISPATCH_LEVEL,
-     [](Things& t) {
-         MmUnmapLockedPages(t.bytes, t.mdl);
-     }},
-    {"IoBuildPartialMdl", DISPATCH_LEVEL,
-     [](Things& t) {
-         IoBuildPartialMdl(t.mdl, t.mdl, t.bytes, 1);
-     }},
-    {"ObReferenceObject", DISPATCH_LEVEL,
-     [](Things& t) {
-         ObReferenceObject(t.object);
-     }},
-    {"ObDereferenceObject", DISPATCH_LEVEL,
+     },
+     DISPATCH_LEVEL},
+    {"MmUnmapLockedPages", [](Things& t) { MmUnmapLockedPages(t.bytes, t.mdl); }, DISPATCH_LEVEL},
+    {"IoBuildPartialMdl", [](Things& t) { IoBuildPartialMdl(t.mdl, t.mdl, t.bytes, 1); },
+     DISPATCH_LEVEL},
+    {"ObReferenceObject", [](Things& t) { ObReferenceObject(t.object); }, DISPATCH_LEVEL},
+    {"ObDereferenceObject",
      [](Things& t) {
          ObReferenceObject(t.object);
          ObDereferenceObject(t.object);
-     }},
-    {"ObReferenceObjectByPointer", DISPATCH_LEVEL,
-     [](Things& t) {
-         ObReferenceObjectByPointer(t.object, 0, nullptr, KernelMode);
-     }},
+     },
+     DISPATCH_LEVEL},
+    {"ObReferenceObjectByPointer",
+     [](Things& t) { ObReferenceObjectByPointer(t.object, 0, nullptr, KernelMode); },
+     DISPATCH_LEVEL},
 };
 
 // The breaches of IRQL limits that the call makes at this level.

@@ -468,5 +468,30 @@ INSTANTIATE_TEST_SUITE_P(Objects, KernelRule, testing::ValuesIn(kObjectCases), r
 INSTANTIATE_TEST_SUITE_P(Irps, KernelRule, testing::ValuesIn(kIrpCases), ruleCaseName);
 INSTANTIATE_TEST_SUITE_P(End, KernelRule, testing::ValuesIn(kEndCases), ruleCaseName);
 
+// Never inlined, so that a report can name it.
+[[gnu::noinline]] void* leaksABlock() {
+    void* volatile block = ExAllocatePoolWithTag(NonPagedPool, 10, kTestTag);
+    return block;
+}
+
+TEST(LeftOver, IsReportedWithItsMaker) {
+    RecordingMachine machine;
+    void* const block = leaksABlock();
+    machine.end();
+    ASSERT_EQ(machine.breaches().size(), 1U);
+    const Breach& breach = machine.breaches().front();
+    const auto names = [](std::string_view routine) {
+        return [routine](const std::string& line) {
+            return line.find(routine) != std::string::npos;
+        };
+    };
+    const auto maker = std::ranges::find_if(breach.stack, names("leaksABlock"));
+    ASSERT_NE(maker, breach.stack.end()) << breach.report();
+    EXPECT_LE(maker - breach.stack.begin(), 1) << breach.report(); // behind the pool's routine
+    EXPECT_TRUE(std::any_of(maker, breach.stack.end(), names("IsReportedWithItsMaker")))
+        << breach.report();
+    EXPECT_NE(block, nullptr);
+}
+
 } // namespace
 } // namespace kelvane::nt

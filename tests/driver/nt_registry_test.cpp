@@ -180,7 +180,7 @@ TEST(DeviceInterface, IsFoundWhileItIsEnabled) {
     const auto found = [&] {
         WCHAR* list;
         EXPECT_EQ(IoGetDeviceInterfaces(&kAudio, nullptr, 0, &list), STATUS_SUCCESS);
-        const std::u16string first = copyString(list);
+        std::u16string first = copyString(list);
         ExFreePool(list);
         return first;
     };

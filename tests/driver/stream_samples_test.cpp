@@ -9,10 +9,6 @@
 namespace kelvane::tests {
 namespace {
 
-std::shared_ptr<StreamDevice> deviceWith(const StreamShape& shape) {
-    return std::make_shared<StreamDevice>(std::initializer_list<Bytes>{streamInterface(1, shape)});
-}
-
 template <class T>
 std::vector<T> ramp(std::size_t count, T first, T step) {
     std::vector<T> samples(count);
@@ -102,7 +98,7 @@ TEST(StreamSamples, OutputIsMixedIntoFourByteSubslotsAlone) {
 }
 
 TEST(StreamSamples, ABufferOfAPartOfAFrameIsNotPlayed) {
-    auto device = deviceWith({});
+    auto device = deviceWith();
     AudioMachine machine(device);
     AudioPin pin(machine.filter(), 0, kPcm16);
     pin.setState(KSSTATE_PAUSE);
@@ -231,12 +227,9 @@ TEST(StreamSamples, APacketThatCannotBeReadEndsItsTransferAlone) {
         SCOPED_TRACE(c.trace);
         Counting counting({.endpoint = kInEndpoint});
         AudioMachine machine(counting.device());
-        machine.faults.add(
-            {.pattern = {.function = URB_FUNCTION_ISOCH_TRANSFER, .endpoint = kInEndpoint},
-             .first = 2,
-             .verdict = {.askPackets = true},
-             .packets =
-                 usb::PacketFault{.index = 10, .verdict = {.length = c.shortened ? 47U : 0U}}});
+        usb::FaultRule rule = isochronousFault(kInEndpoint, 2, {.askPackets = true});
+        rule.packets = usb::PacketFault{.index = 10, .verdict = {.length = c.shortened ? 47U : 0U}};
+        machine.faults.add(rule);
         AudioPin pin(machine.filter(), 0, kPcm24);
         pin.setState(KSSTATE_PAUSE);
         for (int i = 0; i < 4; ++i) {

@@ -1,5 +1,8 @@
-// The one run on the wall clock: real threads, spin locks that spin, completions on a thread of
+// What runs on the wall clock: real threads, spin locks that spin, completions on a thread of
 // their own. Meant for ThreadSanitizer; how late a busy computer makes it doesn't matter.
+#include "tests/support/midi_machine.h"
+#include "tests/support/system_thread.h"
+
 #include "client/client.h"
 #include "devices/audio_sink.h"
 
@@ -53,3 +56,69 @@ TEST(WallClock, AStreamRunsAndEndsWithNothingLeft) {
 
 } // namespace
 } // namespace kelvane::client
+
+namespace kelvane::tests {
+namespace {
+
+// Hears what it is sent.
+class MidiLoop : public MidiDevice {
+public:
+    MidiLoop()
+        : MidiDevice({{.address = kMidiOut, .jacks = 2}, {.address = kMidiIn, .jacks = 2}}) {}
+
+    devices::Handshake out(std::uint8_t endpoint, std::uint64_t microframe,
+                           std::span<const std::byte> packet) override {
+        const devices::Handshake answer = MidiDevice::out(endpoint, microframe, packet);
+        say(transfers.back());
+        return answer;
+    }
+};
+
+TEST(WallClock, TwoMidiPortsSendAndHearAtOnce) {
+    constexpr std::uint8_t kMessages = 100;
+    AudioMachine machine(std::make_shared<MidiLoop>(), {.clock = nt::ClockKind::Real});
+    ASSERT_EQ(machine.started, STATUS_SUCCESS);
+    // Writes in one thread and reads in another, while other ports do the same.
+    const auto write = [&](std::uint32_t pin) {
+        MidiPin render(machine.filter(), pin);
+        render.run();
+        for (std::uint8_t i = 0; i < kMessages; ++i) {
+            render.sendMidi({0x90, i, 1});
+        }
+    };
+    std::size_t inOrder[2] = {};
+    const auto read = [&](std::uint32_t pin, std::size_t& heard) {
+        MidiPin capture(machine.filter(), pin);
+        capture.run();
+        while (heard < kMessages) {
+            capture.read(12);
+            const auto event = capture.heard(5000);
+            if (!event || event->bytes != Bytes{0x90, low(heard), 1}) {
+                return;
+            }
+            ++heard;
+        }
+    };
+    {
+        SystemThread firstReader([&] { read(6, inOrder[0]); });
+        SystemThread secondReader([&] { read(8, inOrder[1]); });
+        machine.sleep(20); // the readers listen
+        SystemThread firstWriter([&] { write(2); });
+        SystemThread secondWriter([&] { write(4); });
+    }
+    EXPECT_EQ(inOrder[0], kMessages);
+    EXPECT_EQ(inOrder[1], kMessages);
+    // Power goes and comes under writers: what is lost is lost, and every transfer comes back.
+    {
+        SystemThread firstWriter([&] { write(2); });
+        SystemThread secondWriter([&] { write(4); });
+        for (int i = 0; i < 5; ++i) {
+            machine.sleep(2);
+            machine.setPower(PowerDeviceD3);
+            machine.setPower(PowerDeviceD0);
+        }
+    }
+}
+
+} // namespace
+} // namespace kelvane::tests

@@ -1,15 +1,10 @@
-// A machine with the driver on it and one device plugged in, and the application's side of the
-// driver's audio pins. The machine's time is virtual; a broken kernel rule ends the test program.
+// A machine with the driver on it and one device plugged in and started, and the application's side
+// of the driver's audio pins.
 #pragma once
 
-#include "tests/support/traced_machine.h"
+#include "tests/support/driver_host.h"
 
-#include "client/client.h"
-#include "client/kshandle.h"
 #include "client/pinformat.h"
-#include "devices/usb_device.h"
-#include "platform/nt/pnp.h"
-#include "platform/nt/text.h"
 #include "platform/usb/faults.h"
 
 #include <gtest/gtest.h>
@@ -22,8 +17,6 @@
 #include <string>
 #include <string_view>
 #include <vector>
-
-extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING path);
 
 namespace kelvane::tests {
 
@@ -82,35 +75,51 @@ private:
     }
 };
 
+// The how manieth transfer of an endpoint gets what verdict.
+inline usb::FaultRule isochronousFault(std::uint8_t endpoint, std::uint64_t first,
+                                       const usb::UrbVerdict& verdict) {
+    return {.pattern = {.function = URB_FUNCTION_ISOCH_TRANSFER, .endpoint = endpoint},
+            .first = first,
+            .verdict = verdict};
+}
+
 struct AudioMachineOptions {
     usb::AttachOptions bus = {};
     std::optional<std::uint32_t> urbSize = std::nullopt;
     std::optional<std::uint32_t> savedRate = std::nullopt;
+    nt::ClockKind clock = nt::ClockKind::Virtual;
+    std::string driver = client::defaultDriver(); // as client::SystemOptions has it
+    nt::TraceSink trace = {};                     // sees each record too
 };
 
-class AudioMachine {
+class AudioMachine : public DriverHost {
 public:
     explicit AudioMachine(std::shared_ptr<devices::UsbDevice> device,
                           const AudioMachineOptions& options = {},
-                          std::initializer_list<usb::FaultRule> rules = {}) {
+                          const std::vector<usb::FaultRule>& rules = {})
+        : DriverHost(options.driver, options.trace, options.clock) {
         for (const usb::FaultRule& rule : rules) {
             faults.add(rule);
         }
         bus().addObserver(faults);
         bus().addObserver(recorder);
-        m_driver = nt::loadDriver(DriverEntry, u"kelvane");
-        started = plug(std::move(device), options);
+        plug(std::move(device), options.bus);
+        if (options.urbSize) {
+            setSaved(u"UrbSize", *options.urbSize);
+        }
+        if (options.savedRate) {
+            setSaved(u"SampleRate", *options.savedRate);
+        }
+        started = start();
         if (NT_SUCCESS(started)) {
-            m_filter.emplace(client::KsFile::openFilter(filterLink(m_pdos.front())));
+            m_filter.emplace(openFilter());
         }
     }
     ~AudioMachine() {
         m_filter.reset();
-        for (DEVICE_OBJECT* pdo : m_pdos) {
-            nt::removeDevice(pdo);
-            bus().detach(pdo);
-        }
-        nt::unloadDriver(m_driver);
+        unplug();
+        bus().removeObserver(recorder);
+        bus().removeObserver(faults);
     }
     AudioMachine(const AudioMachine&) = delete;
     AudioMachine& operator=(const AudioMachine&) = delete;
@@ -119,63 +128,20 @@ public:
     usb::UrbFaults faults;
     IsochRecorder recorder;
 
-    // One more device. Its filter is opened with openFilter.
-    NTSTATUS plug(std::shared_ptr<devices::UsbDevice> device,
-                  const AudioMachineOptions& options = {}) {
-        DEVICE_OBJECT* pdo = bus().attach(std::move(device), options.bus);
-        const std::u16string key = nt::driverKeyPath(pdo);
-        if (options.urbSize) {
-            m_box.machine.registry().setDword(key, u"UrbSize", *options.urbSize);
-        }
-        if (options.savedRate) {
-            m_box.machine.registry().setDword(key, u"SampleRate", *options.savedRate);
-        }
-        const NTSTATUS status = nt::startDevice(m_driver, pdo);
-        if (NT_SUCCESS(status)) {
-            m_pdos.push_back(pdo);
-        } else {
-            bus().detach(pdo);
-        }
-        return status;
-    }
-    client::KsFile openFilter(std::size_t device) {
-        return client::KsFile::openFilter(filterLink(m_pdos[device]));
-    }
-    // The cable is pulled, and the driver is told.
-    void pullOut(std::size_t device) {
-        DEVICE_OBJECT* pdo = m_pdos[device];
-        m_pdos.erase(m_pdos.begin() + static_cast<std::ptrdiff_t>(device));
-        bus().detach(pdo);
-        nt::surpriseRemove(pdo);
-    }
     void closeFilter() { m_filter.reset(); }
-    NTSTATUS setPower(DEVICE_POWER_STATE state) {
-        return nt::setDevicePower(m_pdos.front(), state);
-    }
+    NTSTATUS setPower(DEVICE_POWER_STATE state) { return nt::setDevicePower(pdo(), state); }
 
-    nt::Machine& machine() { return m_box.machine; }
-    usb::UsbBus& bus() { return m_box.bus; }
+    nt::Machine& machine() { return box.machine; }
+    usb::UsbBus& bus() { return box.bus; }
     const client::KsFile& filter() const { return *m_filter; }
 
     void sleep(std::uint32_t milliseconds) { TracedMachine::sleep(milliseconds); }
     // How many traces have `part` in them.
-    std::size_t mentions(std::string_view part) const { return m_box.mentions(part); }
-    void forgetTrace() { m_box.forget(); }
+    std::size_t mentions(std::string_view part) const { return box.mentions(part); }
+    void forgetTrace() { box.forget(); }
 
 private:
-    static std::u16string filterLink(DEVICE_OBJECT* pdo) {
-        const GUID category = {STATIC_KSCATEGORY_AUDIO};
-        WCHAR* list = nullptr;
-        EXPECT_EQ(IoGetDeviceInterfaces(&category, pdo, 0, &list), STATUS_SUCCESS);
-        std::u16string link = nt::copyString(list);
-        ExFreePool(list);
-        return link;
-    }
-
-    TracedMachine m_box;
-    DRIVER_OBJECT* m_driver = nullptr;
-    std::vector<DEVICE_OBJECT*> m_pdos;     // of the devices that started
-    std::optional<client::KsFile> m_filter; // of the first device
+    std::optional<client::KsFile> m_filter;
 };
 
 using PcmFormat = client::PcmFormat;
@@ -183,7 +149,7 @@ inline constexpr PcmFormat kPcm16{.rate = 48000, .channels = 2, .bits = 16, .byt
 inline constexpr PcmFormat kPcm24{.rate = 48000, .channels = 2, .bits = 24, .bytesPerSample = 4};
 
 // A pin that is open, with the buffers that an application has queued on it.
-class AudioPin {
+class StreamPin {
 public:
     struct Buffer {
         KSSTREAM_HEADER header{};
@@ -192,10 +158,10 @@ public:
         client::Event done;
     };
 
-    // Throws client::StatusError when the driver refuses the format.
-    AudioPin(const client::KsFile& filter, std::uint32_t pin, const PcmFormat& format)
-        : m_file(filter.createPin(client::bytesOf(client::makeConnection(pin, format)))) {}
-    ~AudioPin() { close(); }
+    // Throws client::StatusError when the driver refuses the connection.
+    StreamPin(const client::KsFile& filter, std::span<const std::byte> connection)
+        : m_file(filter.createPin(connection)) {}
+    ~StreamPin() { close(); }
 
     void setState(KSSTATE state) {
         m_file.set(
@@ -262,6 +228,12 @@ private:
     }
 
     client::KsFile m_file;
+};
+
+class AudioPin : public StreamPin {
+public:
+    AudioPin(const client::KsFile& filter, std::uint32_t pin, const PcmFormat& format)
+        : StreamPin(filter, client::bytesOf(client::makeConnection(pin, format))) {}
 };
 
 } // namespace kelvane::tests

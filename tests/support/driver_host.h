@@ -1,9 +1,11 @@
-// The driver loaded on a machine, and one scripted device at a time to start it on.
+// The driver loaded on a machine, and one device at a time to start it on. A broken kernel rule
+// ends the test program.
 #pragma once
 
 #include "tests/support/traced_machine.h"
 
 #include "client/client.h"
+#include "client/driver.h"
 #include "client/kshandle.h"
 #include "client/topology.h"
 #include "platform/nt/pnp.h"
@@ -11,11 +13,8 @@
 #include "tests/support/scripted_device.h"
 
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
-
-extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
 
 namespace kelvane::tests {
 
@@ -27,9 +26,25 @@ inline Bytes audioConfiguration(std::uint8_t streams, const Bytes& streaming) {
                          {interfaceDescriptor(0, 0, 0, 1, 1), clockSource(kClock, 3), streaming});
 }
 
+// The symbolic link of a device's filter; empty when it has published none.
+inline std::u16string filterLink(DEVICE_OBJECT* pdo) {
+    const GUID category = {STATIC_KSCATEGORY_AUDIO};
+    WCHAR* list = nullptr;
+    if (!NT_SUCCESS(IoGetDeviceInterfaces(&category, pdo, 0, &list))) {
+        return {};
+    }
+    std::u16string link = nt::copyString(list);
+    ExFreePool(list);
+    return link;
+}
+
 class DriverHost {
 public:
-    DriverHost() : m_driver(nt::loadDriver(DriverEntry, u"kelvane")) {}
+    // The driver as client::SystemOptions has it; `trace`, when given, sees each record too.
+    explicit DriverHost(const std::string& driver = client::defaultDriver(),
+                        const nt::TraceSink& trace = {},
+                        nt::ClockKind clock = nt::ClockKind::Virtual)
+        : code(driver), box(trace, clock), m_driver(nt::loadDriver(code.entry(), u"kelvane")) {}
     ~DriverHost() {
         unplug();
         nt::unloadDriver(m_driver);
@@ -37,16 +52,20 @@ public:
     DriverHost(const DriverHost&) = delete;
     DriverHost& operator=(const DriverHost&) = delete;
 
+    // In place of the one before.
+    void plug(std::shared_ptr<devices::UsbDevice> device, usb::AttachOptions options = {}) {
+        unplug();
+        m_pdo = box.bus.attach(std::move(device), options);
+    }
     // A device of the product maker's whose clock offers 44100, 48000 and 96000 Hz, now at 48000.
     ScriptedDevice& plug(Bytes configurationBytes, std::uint16_t product = 0x0001,
                          std::uint16_t vendor = KELVANE_VENDOR_ID) {
-        unplug();
         m_device = std::make_shared<ScriptedDevice>(vendor, product, std::move(configurationBytes));
         m_device->current[{kClock, kSamplingFrequency}] = u32(48000);
         m_device->current[{kClock, kClockValid}] = {1};
         m_device->range[{kClock, kSamplingFrequency}] =
             ranges({{44100, 44100}, {48000, 48000}, {96000, 96000}});
-        m_pdo = box.bus.attach(m_device);
+        plug(m_device);
         return *m_device;
     }
     NTSTATUS start() {
@@ -64,12 +83,18 @@ public:
         m_started = false;
         nt::surpriseRemove(m_pdo);
     }
+    // The cable is pulled, and the driver is told.
+    void pullOut() {
+        DEVICE_OBJECT* const pdo = std::exchange(m_pdo, nullptr);
+        m_started = false;
+        box.bus.detach(pdo);
+        nt::surpriseRemove(pdo);
+    }
     void unplug() {
         remove();
         if (m_pdo != nullptr) {
             box.bus.detach(std::exchange(m_pdo, nullptr));
         }
-        m_device.reset();
     }
 
     DEVICE_OBJECT* pdo() const { return m_pdo; }
@@ -81,17 +106,7 @@ public:
         registry().setDword(key(), name, value);
     }
 
-    // The filter's symbolic link; empty when the device has published none.
-    std::u16string link() const {
-        const GUID category = {STATIC_KSCATEGORY_AUDIO};
-        WCHAR* list = nullptr;
-        if (!NT_SUCCESS(IoGetDeviceInterfaces(&category, m_pdo, 0, &list))) {
-            return {};
-        }
-        std::u16string first = nt::copyString(list);
-        ExFreePool(list);
-        return first;
-    }
+    std::u16string link() const { return filterLink(m_pdo); }
     client::KsFile openFilter() const { return client::KsFile::openFilter(link()); }
     client::FilterInfo describe() const {
         const client::KsFile filter = openFilter();
@@ -102,11 +117,12 @@ public:
         return info;
     }
 
+    client::Driver code;
     TracedMachine box;
 
 private:
     DRIVER_OBJECT* m_driver;
-    std::shared_ptr<ScriptedDevice> m_device;
+    std::shared_ptr<ScriptedDevice> m_device; // of the product maker's, plugged in last
     DEVICE_OBJECT* m_pdo = nullptr;
     bool m_started = false;
 };

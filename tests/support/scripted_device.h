@@ -159,9 +159,11 @@ public:
         return found;
     }
 
-    void sendMessages() {
+    void sendMessages() { ready(kInterruptEndpoint); }
+    // An endpoint that refused has changed its mind.
+    void ready(std::uint8_t endpoint) {
         if (m_host != nullptr) {
-            m_host->endpointReady(kInterruptEndpoint);
+            m_host->endpointReady(endpoint);
         }
     }
     static constexpr std::uint8_t kInterruptEndpoint = 0x83;

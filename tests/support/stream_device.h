@@ -123,4 +123,16 @@ public:
     }
 };
 
+// A device of these interfaces, one with a stream, one with two.
+inline std::shared_ptr<StreamDevice> deviceOf(std::initializer_list<Bytes> interfaces) {
+    return std::make_shared<StreamDevice>(interfaces);
+}
+inline std::shared_ptr<StreamDevice> deviceWith(const StreamShape& shape = {}) {
+    return deviceOf({streamInterface(1, shape)});
+}
+inline std::shared_ptr<StreamDevice> deviceWith(const StreamShape& first,
+                                                const StreamShape& second) {
+    return deviceOf({streamInterface(1, first), streamInterface(2, second)});
+}
+
 } // namespace kelvane::tests

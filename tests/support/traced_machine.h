@@ -17,8 +17,17 @@ namespace kelvane::tests {
 
 class TracedMachine {
 public:
-    TracedMachine()
-        : machine({.trace = [this](const nt::TraceRecord& record) { add(record.text); },
+    // `also`, when given, sees each record too.
+    explicit TracedMachine(const nt::TraceSink& also = {},
+                           nt::ClockKind clock = nt::ClockKind::Virtual)
+        : machine({.clock = clock,
+                   .trace =
+                       [this, also](const nt::TraceRecord& record) {
+                           add(record.text);
+                           if (also) {
+                               also(record);
+                           }
+                       },
                    .breaches = {},
                    .trapPagedAccess = true}),
           bus(machine.service<usb::UsbBus>()) {}

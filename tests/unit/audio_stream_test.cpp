@@ -8,7 +8,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
+#include <memory>
+#include <random>
+#include <vector>
 
 namespace kelvane::tests {
 namespace {
@@ -25,9 +29,7 @@ constexpr WAVEFORMATEX kStereo16 = {.wFormatTag = 1,
 // A stream on an opened device, ready to be set up.
 struct Bench {
     explicit Bench(const StreamShape& shape = {})
-        : device(std::make_shared<StreamDevice>(
-              std::initializer_list<Bytes>{streamInterface(1, shape)})),
-          pdo(box.bus.attach(device)) {
+        : device(deviceWith(shape)), pdo(box.bus.attach(device)) {
         EXPECT_EQ(usb.Open(pdo), STATUS_SUCCESS);
         stream = new (NonPagedPool) UsbAudioStream;
         EXPECT_TRUE(stream->Init(usb.GetInterface(1), kUrbSize));
@@ -73,27 +75,78 @@ struct Tone : UsbAudioStreamClient {
     int calls = 0;
 };
 
-// Each client's sum is bounded by itself: the most negative sample already is, before the next
-// adds.
-TEST(AudioStream, MixesItsClientsBoundedSymmetrically) {
-    struct Case {
-        std::int16_t first, second;
-        std::int32_t sum;
-    };
-    for (const Case& c : {Case{0x4000, 0x1000, 0x50000000}, Case{0x7FFF, 0x7FFF, 2147483647},
-                          Case{-32768, -1, -2147483647}, Case{-32768, 0x7FFF, -65535}}) {
-        SCOPED_TRACE(testing::Message() << c.first << " + " << c.second);
+// What is to be heard when every client adds its samples in turn. Each sum is bounded by itself.
+struct Mix {
+    std::vector<std::int32_t> heard;
+    static constexpr std::size_t kSamples = 2 * 480; // of a transfer
+
+    void begin() { heard.resize(heard.size() + kSamples, 0); }
+    void add(std::size_t at, std::int64_t sample) {
+        std::int32_t& sum = heard[heard.size() - kSamples + at];
+        sum = static_cast<std::int32_t>(
+            std::clamp<std::int64_t>(sum + sample, -INT32_MAX, INT32_MAX));
+    }
+};
+
+// A pin that plays noise as loud as can be.
+template <class Sample>
+struct Noise : UsbAudioStreamClient {
+    Noise(UsbAudioStream* owner, Mix& mixed, unsigned seed)
+        : stream(owner), mix(mixed), random(seed) {}
+
+    ULONG ProcessUrb(ULONG clientIndex) override {
+        ++calls;
+        if (clientIndex == 0) {
+            mix.begin();
+        }
+        std::vector<Sample> samples(Mix::kSamples);
+        for (std::size_t i = 0; i < samples.size(); ++i) {
+            samples[i] = static_cast<Sample>(random());
+            mix.add(i, std::int64_t{samples[i]} << 8 * (4 - sizeof(Sample)));
+        }
+        WAVEFORMATEX format = kStereo16;
+        format.nBlockAlign = 2 * sizeof(Sample);
+        ULONG bytes = 0;
+        stream->WriteOutputBytes(
+            samples.data(), static_cast<ULONG>(samples.size() * sizeof(Sample)), format, bytes);
+        return bytes / format.nBlockAlign;
+    }
+    HANDLE GetProcessId() override { return nullptr; }
+
+    UsbAudioStream* stream;
+    Mix& mix;
+    std::mt19937 random;
+    unsigned calls = 0;
+};
+
+// 16-bit and 32-bit ones. The first plays throughout; the others come one after the other, and
+// leave in the same order once all are there.
+TEST(AudioStream, MixesClientsThatComeAndGo) {
+    for (unsigned count = 2; count <= 8; ++count) {
+        SCOPED_TRACE(count);
         Bench bench;
-        Tone first(bench.stream, c.first);
-        Tone second(bench.stream, c.second);
+        Mix mix;
+        Noise<std::int16_t> first(bench.stream, mix, 100 + count);
+        std::vector<std::unique_ptr<Noise<std::int32_t>>> others;
         bench.stream->AddClient(&first);
-        bench.stream->AddClient(&second);
         bench.start();
-        bench.sleep(60);
+        bench.sleep(25); // between the ends of the first two transfers
+        for (unsigned step = 1; step < 2 * count - 1; ++step) {
+            if (step < count) {
+                others.push_back(std::make_unique<Noise<std::int32_t>>(bench.stream, mix, step));
+                bench.stream->AddClient(others.back().get());
+            } else {
+                bench.stream->RemoveClient(others[step - count].get());
+            }
+            bench.sleep(10);
+        }
         bench.stream->StopStreaming();
-        const std::vector<std::int32_t> heard = bench.device->heardSamples();
-        ASSERT_GE(heard.size(), 480U);
-        EXPECT_EQ(heard, std::vector<std::int32_t>(heard.size(), c.sum));
+        EXPECT_EQ(bench.device->heardSamples(), mix.heard);
+        EXPECT_GT(std::ranges::count(mix.heard, INT32_MAX), 50);
+        EXPECT_GT(std::ranges::count(mix.heard, -INT32_MAX), 50);
+        for (const auto& other : others) {
+            EXPECT_EQ(other->calls, count - 1);
+        }
     }
 }
 

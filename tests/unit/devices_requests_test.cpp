@@ -89,10 +89,10 @@ TEST_F(Requests, ModelsTellEverythingByName) {
             if (view->type() == usb::kInterface) {
                 indices.push_back(view->u8(8));
                 subClass = view->u8(6);
-            } else if (specific && subClass == usb::kAudioControl &&
+            } else if (specific && subClass != usb::kAudioStreaming &&
                        view->subtype() != usb::kHeader) {
                 indices.push_back(view->u8(view->length() - 1));
-                if (view->subtype() == usb::kInputTerminal) {
+                if (subClass == usb::kAudioControl && view->subtype() == usb::kInputTerminal) {
                     addChannels(view->u8(8), view->u8(13));
                 }
             } else if (specific && subClass == usb::kAudioStreaming &&
@@ -235,6 +235,7 @@ TEST_F(Requests, SelectorsAndFeatures) {
         };
     std::vector<std::byte> bytes(dump.size());
     std::memcpy(bytes.data(), dump.data(), dump.size());
+    bytes[17] = std::byte{2}; // configurations, of which the dump holds the first
     bytes[20] = static_cast<std::byte>(dump.size() - 18);
     const std::string path = testing::TempDir() + "selectors-" + std::to_string(getpid()) + ".bin";
     std::ofstream(path, std::ios::binary)
@@ -243,6 +244,8 @@ TEST_F(Requests, SelectorsAndFeatures) {
     use(path);
     std::remove(path.c_str());
     ASSERT_TRUE(configure());
+    EXPECT_EQ(get(0x80, 6, 0x0100, 0, 18)->back(), 1) << "configurations that it can answer for";
+    EXPECT_EQ(get(0x80, 6, 0x0600, 0, 10)->at(8), 1) << "likewise, at the other speed";
     EXPECT_EQ((*get(0x80, 6, 0x0302, 0x0409, 255))[0], 2 + 2 * 19) << "Interface 1397:0507";
 
     struct Case {

@@ -348,26 +348,6 @@ TEST_F(UsbDeviceTest, SelectsSettingsAndRebuildsPipes) {
     EXPECT_EQ(streaming->GetNumberOfPipes(), 0u);
 }
 
-TEST_F(UsbDeviceTest, TriesASettingThreeTimes) {
-    open(feedbackConfiguration());
-    CUsbInterface* const streaming = device.GetInterface(0);
-    const usb::UrbPattern selectInterface = {.function = URB_FUNCTION_SELECT_INTERFACE};
-    const usb::UrbVerdict noBandwidth = {.action = usb::UrbVerdict::Action::Fail,
-                                         .status = USBD_STATUS_NO_BANDWIDTH};
-    faults.add({.pattern = selectInterface, .count = 2, .verdict = noBandwidth});
-    EXPECT_EQ(streaming->SetAlternateInterface(1), STATUS_SUCCESS);
-    EXPECT_EQ(faults.hits(0), 2u);
-
-    faults.clear();
-    faults.add({.pattern = selectInterface, .count = 100, .verdict = noBandwidth});
-    EXPECT_EQ(streaming->SetAlternateInterface(0), static_cast<NTSTATUS>(USBD_STATUS_NO_BANDWIDTH));
-    EXPECT_EQ(faults.hits(0), 3u);
-    EXPECT_TRUE(box.traced("UsbDevice::SetAlternateInterface(0, 0) URB_FUNCTION_SELECT_INTERFACE "
-                           "failed with code 80000700\n"));
-    EXPECT_EQ(streaming->GetAlternateSetting(), 1);
-    faults.clear();
-}
-
 TEST_F(UsbDeviceTest, SelectsNothingOnADeviceThatIsGone) {
     open(feedbackConfiguration());
     device.Disconnect();
