@@ -33,14 +33,14 @@ CUsbDevice::~CUsbDevice() {
 
 NTSTATUS CUsbDevice::Open(PDEVICE_OBJECT lowerDevice) {
     CheckPageable();
-    m_LowerDevice = lowerDevice;
+    m_LowerDevice.Set(lowerDevice);
     NTSTATUS status = ReadDescriptors();
     if (NT_SUCCESS(status)) {
         status = SelectConfiguration();
     }
     if (!NT_SUCCESS(status)) {
         DbgPrint("UsbDevice::Open() FAILED with code %x\n", status);
-        m_LowerDevice = nullptr;
+        m_LowerDevice.Set(nullptr);
         m_ConfigDescriptor.Free();
         return status;
     }
@@ -49,11 +49,11 @@ NTSTATUS CUsbDevice::Open(PDEVICE_OBJECT lowerDevice) {
 }
 
 void CUsbDevice::Close() {
-    if (m_LowerDevice != nullptr) {
+    if (LowerDevice() != nullptr) {
         _URB_SELECT_CONFIGURATION unconfigure = {};
         unconfigure.Hdr.Length = sizeof(unconfigure);
         unconfigure.Hdr.Function = URB_FUNCTION_SELECT_CONFIGURATION;
-        UsbSubmitUrbSync(m_LowerDevice, &unconfigure, kUsbTimeout);
+        UsbSubmitUrbSync(LowerDevice(), &unconfigure, kUsbTimeout);
     }
     if (m_BusInterface.BusContext != nullptr) {
         if (m_BusInterface.InterfaceDereference != nullptr) {
@@ -75,7 +75,7 @@ NTSTATUS CUsbDevice::GetDescriptor(UCHAR type, UCHAR index, USHORT language, voi
     urb.Index = index;
     urb.DescriptorType = type;
     urb.LanguageId = language;
-    return UsbSubmitUrbSync(m_LowerDevice, &urb, kUsbTimeout);
+    return UsbSubmitUrbSync(LowerDevice(), &urb, kUsbTimeout);
 }
 
 NTSTATUS CUsbDevice::GetStringDescriptor(UCHAR index, void* buffer, ULONG size, USHORT language) {
@@ -141,7 +141,7 @@ NTSTATUS CUsbDevice::SendSelectInterface(_URB_SELECT_INTERFACE* urb, UCHAR index
                                          CUsbInterface* target) {
     NTSTATUS status = STATUS_UNSUCCESSFUL;
     for (ULONG attempt = 0; attempt < kSelectInterfaceAttempts && !NT_SUCCESS(status); ++attempt) {
-        status = UsbSubmitUrbSync(m_LowerDevice, urb, kUsbTimeout);
+        status = UsbSubmitUrbSync(LowerDevice(), urb, kUsbTimeout);
     }
     if (!NT_SUCCESS(status)) {
         // A request that never reached the bus driver left no status in the URB.
@@ -230,7 +230,7 @@ NTSTATUS CUsbDevice::SelectConfiguration() {
     if (urb == nullptr) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    NTSTATUS status = UsbSubmitUrbSync(m_LowerDevice, urb, kUsbTimeout);
+    NTSTATUS status = UsbSubmitUrbSync(LowerDevice(), urb, kUsbTimeout);
     if (NT_SUCCESS(status)) {
         m_ConfigHandle = urb->UrbSelectConfiguration.ConfigurationHandle;
         status = TakeInterfaces(urb);
@@ -396,7 +396,8 @@ NTSTATUS CUsbDevice::QueryBusInterface(const GUID& type, USHORT version, USHORT 
                                        PVOID destination) {
     CheckPageable();
     DriverAssert(KeGetCurrentIrql() == PASSIVE_LEVEL);
-    const PIRP irp = IoAllocateIrp(m_LowerDevice->StackSize, FALSE);
+    const PDEVICE_OBJECT lowerDevice = LowerDevice();
+    const PIRP irp = IoAllocateIrp(lowerDevice->StackSize, FALSE);
     if (irp == nullptr) {
         return STATUS_SUCCESS; // the caller sees that nothing was filled in
     }
@@ -413,7 +414,7 @@ NTSTATUS CUsbDevice::QueryBusInterface(const GUID& type, USHORT version, USHORT 
     next->Parameters.QueryInterface.Interface = static_cast<PINTERFACE>(destination);
     next->Parameters.QueryInterface.InterfaceSpecificData = nullptr;
 
-    NTSTATUS status = IoCallDriver(m_LowerDevice, irp);
+    NTSTATUS status = IoCallDriver(lowerDevice, irp);
     if (status == STATUS_PENDING) {
         KeWaitForSingleObject(&completed, Executive, KernelMode, FALSE, nullptr);
         status = irp->IoStatus.Status;

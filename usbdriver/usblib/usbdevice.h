@@ -5,6 +5,7 @@
 // DISPATCH_LEVEL. The cached configuration does not change after Open.
 #pragma once
 
+#include "usbdriver/shared.h"
 #include "usbdriver/usblib/descriptors.h"
 #include "usbdriver/usblib/usbinterface.h"
 #include "usbdriver/util.h"
@@ -28,10 +29,10 @@ public:
     // Unconfigures the device, unless it is gone, and lets go of the bus interface.
     void Close();
     // The device is gone from the bus: no request is sent from now on.
-    void Disconnect() { m_LowerDevice = nullptr; }
+    void Disconnect() { m_LowerDevice.Set(nullptr); }
 
     // The device object below; null before Open and once the device is gone.
-    PDEVICE_OBJECT LowerDevice() const { return m_LowerDevice; }
+    PDEVICE_OBJECT LowerDevice() const { return m_LowerDevice.Get(); }
     const USB_BUS_INTERFACE_USBDI_V2& BusInterface() const { return m_BusInterface; }
 
     // Requests.
@@ -93,7 +94,7 @@ private:
         return m_ConfigDescriptor.As<USB_CONFIGURATION_DESCRIPTOR>();
     }
 
-    PDEVICE_OBJECT m_LowerDevice = nullptr;
+    Shared<PDEVICE_OBJECT> m_LowerDevice;           // null at once when the device is gone
     USB_BUS_INTERFACE_USBDI_V2 m_BusInterface = {}; // Size 0: none
     USB_DEVICE_DESCRIPTOR m_DeviceDescriptor = {};
     PoolBuffer m_ConfigDescriptor; // wTotalLength bytes; every descriptor pointer points into it
