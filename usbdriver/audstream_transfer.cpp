@@ -289,7 +289,8 @@ void UsbAudioStream::Completed(CIsocUrb* urb, PIRP irp) {
     const NTSTATUS irpStatus = irp->IoStatus.Status;
     const USBD_STATUS urbStatus = urb->GetUrbStatus();
     DriverAssert(!USBD_PENDING(urbStatus));
-    if (irp->Cancel || irpStatus == STATUS_CANCELLED || irpStatus == STATUS_DEVICE_NOT_CONNECTED) {
+    if (IsCancelled(irp) || irpStatus == STATUS_CANCELLED ||
+        irpStatus == STATUS_DEVICE_NOT_CONNECTED) {
         DbgPrint("IrpCompletion : IRP COMPLETED WITH ERROR IoStatus = %x UrbStatus = %x\n",
                  irpStatus, urbStatus);
         m_Running.Set(false);

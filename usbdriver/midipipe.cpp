@@ -206,7 +206,7 @@ NTSTATUS NTAPI UsbMidiPipe::IrpCompletion(PDEVICE_OBJECT, PIRP irp, PVOID contex
 void UsbMidiPipe::Completed(Transfer& transfer) {
     const NTSTATUS irpStatus = transfer.irp->IoStatus.Status;
     const USBD_STATUS urbStatus = transfer.urb.Hdr.Status;
-    const bool cancelled = transfer.irp->Cancel || irpStatus == STATUS_CANCELLED;
+    const bool cancelled = IsCancelled(transfer.irp) || irpStatus == STATUS_CANCELLED;
     const bool failed = !NT_SUCCESS(irpStatus) || USBD_ERROR(urbStatus);
     if (failed && !cancelled) {
         DbgPrint("UsbMidiPipe[%p]::IrpCompletion : IRP COMPLETED WITH ERROR IoStatus = %x "
@@ -242,7 +242,7 @@ void UsbMidiPipe::DoOutput() {
     }
     const FastMutexHolder holder(&m_OutputMutex);
     Transfer& transfer = m_Transfers[m_CurrentTransfer];
-    if (!WaitUntilIdle(transfer)) {
+    if (!ClaimIdle(transfer)) {
         return;
     }
     const std::size_t length = PackOutput(transfer.buffer.Bytes());
@@ -250,18 +250,28 @@ void UsbMidiPipe::DoOutput() {
         SubmitUrb(transfer, length);
         m_CurrentTransfer = 1 - m_CurrentTransfer;
     }
+    m_PendingIrps.CountOut(); // the claim
 }
 
-bool UsbMidiPipe::WaitUntilIdle(Transfer& transfer) {
+// A claim counts as an IRP, so that Stop waits for its end. The pipe may have been stopped, and
+// even started again, between the wait and the claim: what the wait found holds no more then.
+bool UsbMidiPipe::ClaimIdle(Transfer& transfer) {
     LARGE_INTEGER timeout;
     timeout.QuadPart = -kOutputTimeout; // negative: relative
-    if (KeWaitForSingleObject(&transfer.idle, Executive, KernelMode, FALSE, &timeout) ==
-        STATUS_TIMEOUT) {
-        constexpr int kUrb = 0; // a constant: part of the text, whichever transfer it was
-        DbgPrint("UsbMidiPipe::DoOutput() : Timed out waiting for URB %d...\n", kUrb);
-        return false;
-    }
-    return m_Running.Get(); // a pipe that is being stopped takes nothing more
+    do {
+        if (KeWaitForSingleObject(&transfer.idle, Executive, KernelMode, FALSE, &timeout) ==
+            STATUS_TIMEOUT) {
+            constexpr int kUrb = 0; // a constant: part of the text, whichever transfer it was
+            DbgPrint("UsbMidiPipe::DoOutput() : Timed out waiting for URB %d...\n", kUrb);
+            return false;
+        }
+        m_PendingIrps.CountIn();
+        if (m_Running.Get() && KeReadStateEvent(&transfer.idle) != 0) {
+            return true;
+        }
+        m_PendingIrps.CountOut();
+    } while (m_Running.Get()); // a pipe that is being stopped takes nothing more
+    return false;
 }
 
 // One message of each port that has any, round and round from port 0, until the buffer is full or a

@@ -81,7 +81,7 @@ private:
     static std::span<const UCHAR> Received(const Transfer& transfer);
     void Completed(Transfer& transfer);
     void AbortTransfers();
-    bool WaitUntilIdle(Transfer& transfer);
+    bool ClaimIdle(Transfer& transfer);
     std::size_t PackOutput(std::span<UCHAR> buffer);
     void SubmitUrb(Transfer& transfer, std::size_t length);
     void BuildUrb(Transfer& transfer, std::size_t length) const;

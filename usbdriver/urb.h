@@ -27,3 +27,8 @@ NTSTATUS UsbSubmitUrbSync(PDEVICE_OBJECT device, T* urb, ULONG milliseconds) {
 // Fills the next stack location of an IRP that the caller owns, so that it carries `urb`.
 // IRQL <= DISPATCH_LEVEL.
 void PrepareUrbIrp(PIRP irp, PURB urb);
+
+// Whether somebody wants the IRP back, who may be saying so on another processor just now. Any IRQL.
+inline bool IsCancelled(const IRP* irp) {
+    return __atomic_load_n(&irp->Cancel, __ATOMIC_ACQUIRE) != FALSE;
+}

@@ -80,7 +80,7 @@ bool wantsCompletion(const IRP* irp, UCHAR control) {
     const bool success = NT_SUCCESS(irp->IoStatus.Status);
     return (success && (control & SL_INVOKE_ON_SUCCESS) != 0) ||
            (!success && (control & SL_INVOKE_ON_ERROR) != 0) ||
-           (irp->Cancel != FALSE && (control & SL_INVOKE_ON_CANCEL) != 0);
+           (isCancelled(irp) && (control & SL_INVOKE_ON_CANCEL) != 0);
 }
 
 // A completed request's parameters are gone: nobody above may look at them.

@@ -1,6 +1,7 @@
 // Cancel-safe IRP queues.
 #include "platform/nt/kernel.h"
 
+#include "platform/nt/irps.h"
 #include "platform/nt/machine.h"
 
 using namespace kelvane::nt;
@@ -81,7 +82,7 @@ void NTAPI IoCsqInsertIrp(PIO_CSQ Csq, PIRP Irp, PIO_CSQ_IRP_CONTEXT Context) {
     IoMarkIrpPending(Irp);
     Csq->CsqInsertIrp(Csq, Irp);
     IoSetCancelRoutine(Irp, cancelQueued);
-    const bool cancelled = Irp->Cancel != FALSE && take(Csq, Irp);
+    const bool cancelled = isCancelled(Irp) && take(Csq, Irp);
     Csq->CsqReleaseLock(Csq, irql);
     if (cancelled) {
         Csq->CsqCompleteCanceledIrp(Csq, Irp);

@@ -29,6 +29,11 @@ struct CallFrame {
     bool gone = false;                // the IRP was freed, or made anew
 };
 
+// The flag is written under the cancel spin lock, and read by anybody without it.
+inline bool isCancelled(const IRP* irp) {
+    return __atomic_load_n(&irp->Cancel, __ATOMIC_ACQUIRE) != FALSE;
+}
+
 enum class IrpOwner {
     Caller,    // IoAllocateIrp, IoBuildAsynchronousFsdRequest
     Memory,    // IoInitializeIrp in memory of the caller's own

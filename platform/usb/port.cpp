@@ -1,5 +1,6 @@
 #include "platform/usb/port.h"
 
+#include "platform/nt/irps.h"
 #include "platform/usb/bus.h"
 #include "platform/usb/urb.h"
 
@@ -161,7 +162,7 @@ bool Port::handOver(Transfer& transfer) {
     IoMarkIrpPending(irp);
     irp->Tail.Overlay.DriverContext[0] = &transfer;
     IoSetCancelRoutine(irp, cancelTransfer);
-    if (irp->Cancel == FALSE) {
+    if (!nt::isCancelled(irp)) {
         return true;
     }
     finish(transfer, USBD_STATUS_CANCELED);
