@@ -83,13 +83,17 @@ int serve(const ServeOptions& options) {
                                                      fmt::print(stderr, "{}\n", line);
                                                  }});
         announce(options, path);
-        server.run([] { return Interrupt::signal() != 0; });
+        server.run([&session] { return Interrupt::signal() != 0 || session.system().isGone(); });
         counters = server.counters();
     }
+    const bool gone = session.system().isGone();
     conclude(options, session.system(), counters);
     session.finish();
     log.finish();
     flushStandardOutput();
+    if (gone) {
+        throw client::GoneError(options.system.device);
+    }
     return 0;
 }
 

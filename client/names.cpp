@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <string_view>
 
 namespace kelvane::client {
 namespace {
@@ -119,11 +120,17 @@ std::string hexadecimal(std::uint32_t status) {
     return statusName(status).starts_with("0x") ? "" : fmt::format(" (0x{:08X})", status);
 }
 
+std::string_view explanation(std::uint32_t status) {
+    return status == static_cast<std::uint32_t>(STATUS_DEVICE_REMOVED)
+               ? ": the interface was pulled out, or 'kelvane serve' has ended"
+               : "";
+}
+
 } // namespace
 
 StatusError::StatusError(const std::string& what, std::uint32_t status, const std::string& details)
-    : std::runtime_error(
-          fmt::format("{}: {}{}{}", what, statusName(status), hexadecimal(status), details)),
+    : std::runtime_error(fmt::format("{}: {}{}{}{}", what, statusName(status), hexadecimal(status),
+                                     explanation(status), details)),
       m_status(status) {}
 
 } // namespace kelvane::client
