@@ -28,7 +28,8 @@ NTSTATUS UsbSubmitUrbSync(PDEVICE_OBJECT device, T* urb, ULONG milliseconds) {
 // IRQL <= DISPATCH_LEVEL.
 void PrepareUrbIrp(PIRP irp, PURB urb);
 
-// Whether somebody wants the IRP back, who may be saying so on another processor just now. Any IRQL.
+// Whether somebody wants the IRP back; who does may say so on another processor just now. At any
+// IRQL.
 inline bool IsCancelled(const IRP* irp) {
     return __atomic_load_n(&irp->Cancel, __ATOMIC_ACQUIRE) != FALSE;
 }
