@@ -280,7 +280,9 @@ TEST(Serve, EndsWithoutLeavingHalfOfAnything) {
         serving.finish(SIGKILL);
         const Result result = place.finish(recorder);
         EXPECT_EQ(result.status, 1);
-        EXPECT_TRUE(matches(result.err, "STATUS_DEVICE_REMOVED.*pulled out, or .kelvane serve. has ended")) << result.err;
+        EXPECT_TRUE(
+            matches(result.err, "STATUS_DEVICE_REMOVED.*pulled out, or .kelvane serve. has ended"))
+            << result.err;
         EXPECT_EQ(place.names(), Names());
         expectRefusals(place, 1, {{serving.with({"rate"}), "socket: Connection refused; "}});
         // The socket that it left is taken over.
