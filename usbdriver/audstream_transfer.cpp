@@ -1,5 +1,6 @@
 // The transfers: sent on exact bus frames, worked on by the clients when they complete, sent again.
 #include "usbdriver/audstream.h"
+#include "usbdriver/urb.h"
 
 namespace {
 

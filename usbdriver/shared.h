@@ -6,6 +6,7 @@
 
 template <typename T>
 class Shared {
+    // Of a pointer it is the pointer that is meant. NOLINTNEXTLINE(bugprone-sizeof-expression)
     static_assert(std::is_trivially_copyable_v<T> && sizeof(T) <= sizeof(void*));
 
 public:
