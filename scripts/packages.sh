@@ -4,7 +4,7 @@ build_packages="g++ cmake ninja-build mingw-w64-common libcli11-dev libfmt-dev
     nlohmann-json3-dev libsndfile1-dev libsamplerate0-dev libportsmf-dev libusb-1.0-0-dev"
 test_packages="$build_packages g++-mingw-w64-x86-64 libgtest-dev libgmock-dev libbenchmark-dev
     clang-format clang-tidy alsa-utils python3 dpkg-dev file zsh groff-base tshark"
-fuzz_packages="$build_packages clang"
+fuzz_packages="$build_packages clang libclang-rt-14-dev"
 rig_packages="qemu-system-x86 cpio kmod alsa-utils python3"
 
 # installed PACKAGE: whether dpkg has it, whole.
