@@ -231,20 +231,28 @@ TEST(RealClock, WaitsForItsEventsWhenItIsPatient) {
     Machine machine(options);
     Scheduler& scheduler = machine.scheduler();
     std::array<Time, 3> ran{};
-    const Time start = scheduler.now();
-    KEVENT done;
+    Time start = 0;
+    KEVENT begun, done;
+    KeInitializeEvent(&begun, NotificationEvent, FALSE);
     KeInitializeEvent(&done, NotificationEvent, FALSE);
-    scheduler.at(start + kMillisecond, [&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(60));
-        ran[0] = scheduler.now() - start;
-        scheduler.at(start + 3 * kMillisecond, [&] { ran[1] = scheduler.now() - start; });
+    // Begins in an event: until something is due, time doesn't wait for this thread.
+    scheduler.at(scheduler.now(), [&] {
+        start = scheduler.now();
+        scheduler.at(start + kMillisecond, [&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(60));
+            ran[0] = scheduler.now() - start;
+            scheduler.at(start + 3 * kMillisecond, [&] { ran[1] = scheduler.now() - start; });
+        });
+        scheduler.at(start + 9 * kMillisecond, [&] {
+            ran[2] = scheduler.now() - start;
+            KeSetEvent(&done, 0, FALSE);
+        });
+        KeSetEvent(&begun, 0, FALSE);
     });
-    scheduler.at(start + 9 * kMillisecond, [&] {
-        ran[2] = scheduler.now() - start;
-        KeSetEvent(&done, 0, FALSE);
-    });
+    KeWaitForSingleObject(&begun, Executive, KernelMode, FALSE, nullptr);
+    const Time before = scheduler.now();
     sleep(5); // a thread sees the same time
-    EXPECT_GE(scheduler.now() - start, 5 * kMillisecond);
+    EXPECT_GE(scheduler.now() - before, 5 * kMillisecond);
     KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
     constexpr std::array<Time, 3> kDue = {kMillisecond, 3 * kMillisecond, 9 * kMillisecond};
     for (std::size_t i = 0; i < ran.size(); ++i) {
